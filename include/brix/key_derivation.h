@@ -1,0 +1,15 @@
+// brix: deriving keys from passwords.
+#pragma once
+
+namespace brix {
+
+// PBKDF2 (PKCS #5 v2.0) with HMAC-SHA-1. Writes `keySize` bytes to `keyOut`,
+// which the caller owns and should wipe (a kx::TCryptBuffer). `password` is
+// the UTF-8 form of the password without a terminator; `password` and `salt`
+// may be null when their size is 0. Negative sizes, `iterations` below 1 or
+// `keySize` below 1 raise kx::CInvalidArgError; an engine failure kx::CError.
+// Thread-safe.
+void deriveKey_PKCS5_PBKDF2_HMAC_SHA1(const void* password, int passwordSize, const void* salt, int saltSize,
+                                      int iterations, int keySize, void* keyOut);
+
+}  // namespace brix

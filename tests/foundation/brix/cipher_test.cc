@@ -1,0 +1,160 @@
+#include "brix/cipher.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <random>
+#include <string>
+
+#include "kx/error.h"
+#include "kx/parse.h"
+
+namespace {
+
+using Bytes = kx::TBuffer<unsigned char>;
+using Key = kx::TCryptBuffer<unsigned char>;
+
+Bytes fromHex(const char* hex) {
+  Bytes out;
+  kx::hexDecode(hex, out);
+  return out;
+}
+
+Key keyFromHex(const char* hex) {
+  const Bytes bytes = fromHex(hex);
+  Key key;
+  key.assign(bytes.getData(), bytes.getUsed());
+  return key;
+}
+
+// AES-256 CBC example vectors of NIST SP 800-38A, F.2.5 and F.2.6.
+constexpr const char* kNistKey = "603deb1015ca71be2b73aef0857d77811f352c073b6108d72d9810a30914dff4";
+constexpr const char* kNistIV = "000102030405060708090a0b0c0d0e0f";
+constexpr const char* kNistPlain =
+    "6bc1bee22e409f96e93d7e117393172aae2d8a571e03ac9c9eb76fac45af8e51"
+    "30c81c46a35ce411e5fbc1191a0a52eff69f2445df4f9b17ad2b417be66c3710";
+constexpr const char* kNistCipher =
+    "f58c4c04d6e5f1ba779eabfb5f7bfbd69cfc4e967edb808d679f777bc6702c7d"
+    "39f23369a9d9bacfa530e26304231461b2eb05e2c39be9fcda6c19078c6a9d1b";
+
+class CipherTest : public ::testing::Test {
+ protected:
+  kx::P<brix::ICipher> cipher_ = kx::create<brix::CCipher_AES256CBC>();
+  Key key_ = keyFromHex(kNistKey);
+  Bytes iv_ = fromHex(kNistIV);
+};
+
+TEST_F(CipherTest, Describes) {
+  EXPECT_EQ(cipher_->getID(), "aes256cbc");
+  EXPECT_EQ(cipher_->getKeyLength(), 32);
+  EXPECT_EQ(cipher_->getBlockLength(), 16);
+}
+
+TEST_F(CipherTest, KnownAnswerBothOperationPairs) {
+  const Bytes plain = fromHex(kNistPlain);
+  const Bytes expected = fromHex(kNistCipher);
+  for (bool data : {false, true}) {
+    SCOPED_TRACE(data ? "encryptData/decryptData" : "encrypt/decrypt");
+    Bytes encrypted;
+    Key decrypted;
+    if (data) {
+      cipher_->encryptData(key_, plain.getData(), int(plain.getUsed()), encrypted, false, iv_.getData());
+      cipher_->decryptData(key_, expected.getData(), int(expected.getUsed()), decrypted, false,
+                           iv_.getData());
+    } else {
+      cipher_->encrypt(key_, plain.getData(), int(plain.getUsed()), encrypted, false, iv_.getData());
+      cipher_->decrypt(key_, expected.getData(), int(expected.getUsed()), decrypted, false, iv_.getData());
+    }
+    EXPECT_EQ(kx::hexEncode(encrypted), kNistCipher);
+    EXPECT_EQ(kx::hexEncode(decrypted), kNistPlain);
+  }
+}
+
+// The output is the input rounded up to whole blocks; a partial last block is
+// encrypted as if zero-filled; append keeps what the target held.
+TEST_F(CipherTest, SizeRuleAndAppend) {
+  const Bytes plain = fromHex(kNistPlain);
+  const Bytes header = fromHex("a1a2a3a4a5a6a7a8a9aaab");  // 11 bytes, like a grain header
+  for (int size : {0, 1, 15, 16, 17, 31, 32, 33, 63, 64}) {
+    for (bool append : {false, true}) {
+      SCOPED_TRACE("size " + std::to_string(size) + (append ? " append" : " replace"));
+      const int rounded = (size + 15) / 16 * 16;
+      Bytes target = header;
+      cipher_->encryptData(key_, plain.getData(), size, target, append, iv_.getData());
+      const size_t offset = append ? header.getUsed() : 0;
+      ASSERT_EQ(target.getUsed(), offset + rounded);
+      if (append) {
+        EXPECT_EQ(0, std::memcmp(target.getData(), header.getData(), header.getUsed()));
+      }
+      if (size == 0) continue;
+
+      Bytes zeroFilled(rounded);
+      std::memcpy(zeroFilled.getData(), plain.getData(), size);
+      Bytes reference;
+      cipher_->encryptData(key_, zeroFilled.getData(), rounded, reference, false, iv_.getData());
+      EXPECT_EQ(0, std::memcmp(target.getData() + offset, reference.getData(), rounded));
+
+      Bytes back = header;
+      cipher_->decryptData(key_, target.getData() + offset, rounded, back, append, iv_.getData());
+      ASSERT_EQ(back.getUsed(), offset + rounded);
+      EXPECT_EQ(0, std::memcmp(back.getData() + offset, zeroFilled.getData(), rounded));
+    }
+  }
+}
+
+TEST_F(CipherTest, RejectsBadArguments) {
+  const Bytes data(48);
+  Bytes target;
+  auto expectInvalid = [](const char* context, auto&& call) {
+    try {
+      call();
+      ADD_FAILURE() << "no error";
+    } catch (const kx::CInvalidArgError& e) {
+      EXPECT_EQ(e.getContext(), context);
+    }
+  };
+  const Key shortKey = keyFromHex("00112233");
+  expectInvalid("CCipher_AES256CBC::encrypt",
+                [&] { cipher_->encrypt(shortKey, data.getData(), 16, target, false, iv_.getData()); });
+  expectInvalid("CCipher_AES256CBC::decryptData",
+                [&] { cipher_->decryptData(shortKey, data.getData(), 16, target, false, iv_.getData()); });
+  expectInvalid("CCipher_AES256CBC::decrypt",
+                [&] { cipher_->decrypt(key_, data.getData(), 17, target, false, iv_.getData()); });
+  expectInvalid("CCipher_AES256CBC::decryptData",
+                [&] { cipher_->decryptData(key_, data.getData(), 40, target, false, iv_.getData()); });
+  expectInvalid("CCipher_AES256CBC::encryptData",
+                [&] { cipher_->encryptData(key_, data.getData(), -1, target, false, iv_.getData()); });
+  expectInvalid("CCipher_AES256CBC::encryptData",
+                [&] { cipher_->encryptData(key_, data.getData(), 16, target, false, nullptr); });
+}
+
+// One object serves calls with changing keys, vectors, sizes and directions;
+// each call must match what a fresh object computes.
+TEST_F(CipherTest, ReusedContextMatchesFreshObjects) {
+  std::mt19937 rng(1234);
+  auto fill = [&rng](unsigned char* p, size_t n) {
+    for (size_t i = 0; i < n; ++i) p[i] = static_cast<unsigned char>(rng());
+  };
+  for (int round = 0; round < 200; ++round) {
+    Key key(32);
+    fill(key.getData(), 32);
+    unsigned char iv[16];
+    fill(iv, sizeof(iv));
+    Bytes plain(rng() % 300);
+    fill(plain.getData(), plain.getUsed());
+    const int size = int(plain.getUsed());
+
+    Bytes reused;
+    cipher_->encryptData(key, plain.getData(), size, reused, false, iv);
+    Bytes fresh;
+    kx::create<brix::CCipher_AES256CBC>()->encryptData(key, plain.getData(), size, fresh, false, iv);
+    ASSERT_EQ(reused, fresh) << "round " << round;
+
+    Bytes back;
+    cipher_->decryptData(key, reused.getData(), int(reused.getUsed()), back, false, iv);
+    back.setUsed(plain.getUsed());
+    ASSERT_EQ(back, plain) << "round " << round;
+  }
+}
+
+}  // namespace

@@ -1,0 +1,67 @@
+#include "dfz/zlib_compressor.h"
+
+#include <gtest/gtest.h>
+#include <zlib.h>
+
+#include <random>
+#include <vector>
+
+#include "kx/error.h"
+
+namespace {
+
+TEST(ZLibCompressorTest, LevelsAndDescription) {
+  EXPECT_EQ(kx::create<dfz::CZLibCompressor>(-1)->getInternalDesc(), "zlib-6");
+  EXPECT_EQ(kx::create<dfz::CZLibCompressor>(0)->getInternalDesc(), "zlib-0");
+  EXPECT_EQ(kx::create<dfz::CZLibCompressor>(9)->getInternalDesc(), "zlib-9");
+  EXPECT_THROW(dfz::CZLibCompressor(10), kx::CInvalidArgError);
+  EXPECT_THROW(dfz::CZLibCompressor(-2), kx::CInvalidArgError);
+}
+
+// The bound is zlib's own for a fresh stream of these settings; checking it
+// here catches a zlib whose formula moved.
+TEST(ZLibCompressorTest, BoundMatchesZLib) {
+  z_stream fresh{};
+  ASSERT_EQ(deflateInit2(&fresh, 0, Z_DEFLATED, 15, 8, Z_DEFAULT_STRATEGY), Z_OK);
+  auto c = kx::create<dfz::CZLibCompressor>(0);
+  for (int size : {0, 1, 4095, 4096, 65536, 1 << 20, 1 << 30}) {
+    EXPECT_EQ(c->getCompressedSizeUpperBound(size), int(deflateBound(&fresh, uLong(size)))) << size;
+  }
+  deflateEnd(&fresh);
+  EXPECT_THROW(c->getCompressedSizeUpperBound(INT32_MAX), kx::CInvalidArgError);
+}
+
+// Level 0 is the fallback every slot size rests on: with a target of exactly
+// the bound, stored blocks must fit for every size.
+TEST(ZLibCompressorTest, LevelZeroAlwaysFitsItsBound) {
+  auto c = kx::create<dfz::CZLibCompressor>(0);
+  std::mt19937 rng(99);
+  std::vector<unsigned char> in(200001), out;
+  for (auto& b : in) b = static_cast<unsigned char>(rng());
+  std::vector<int> sizes;
+  for (int size = 0; size <= 1100; ++size) sizes.push_back(size);
+  for (int size = 1101; size <= 200000; size += 997) sizes.push_back(size);
+  for (int blocks = 1; blocks <= 3; ++blocks) {
+    for (int delta = -6; delta <= 6; ++delta) sizes.push_back(blocks * 65535 + delta);
+  }
+  sizes.push_back(200000);
+  for (int size : sizes) {
+    const int bound = c->getCompressedSizeUpperBound(size);
+    out.assign(bound, 0);
+    const int packed = c->compressSingleStep(in.data(), size, out.data(), bound);
+    ASSERT_NE(packed, -1) << "size " << size;
+    ASSERT_LE(packed, bound) << "size " << size;
+  }
+}
+
+// zlib needs no slack: a target of exactly the output's size is enough.
+TEST(ZLibCompressorTest, ExactTargetSuffices) {
+  auto c = kx::create<dfz::CZLibCompressor>(6);
+  std::vector<unsigned char> in(30000), out(c->getCompressedSizeUpperBound(30000));
+  for (size_t i = 0; i < in.size(); ++i) in[i] = static_cast<unsigned char>(i % 251 < 40 ? i * 13 : 0);
+  const int packed = c->compressSingleStep(in.data(), int(in.size()), out.data(), int(out.size()));
+  ASSERT_GT(packed, 0);
+  EXPECT_EQ(c->compressSingleStep(in.data(), int(in.size()), out.data(), packed), packed);
+}
+
+}  // namespace
