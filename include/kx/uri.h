@@ -2,8 +2,17 @@
 //
 // Components are kept in their escaped (percent-encoded) form, as they stand
 // in the text; accessors without "Escaped" in their name give decoded text.
-// Decoded text is Unicode; percent-escapes are read as UTF-8 bytes.
+// Decoded text is Unicode; percent-escapes are read as UTF-8 bytes, and a byte
+// that is no part of a valid UTF-8 sequence reads as the Latin-1 character.
 // An empty CURI has no component at all.
+//
+// Parsing is strict about the structure (scheme, authority, port, IP literals,
+// percent-escapes) and lenient about two kinds of characters that real file
+// names bring along: blanks and non-ASCII characters are taken and escaped as
+// "%XX" of their UTF-8 bytes.
+//
+// A host of the form "[...]" (an IPv6 or future IP literal) keeps its brackets
+// in getHostOptRef().
 #pragma once
 
 #include <cstdint>
@@ -44,6 +53,7 @@ class CURI {
   // blanks are shown as the characters, for messages.
   String toString(bool readable = false) const;
 
+  // Whether the URI has no component at all (the text "").
   bool isEmpty() const;
   // Whether the URI has a scheme.
   bool isAbsolute() const;
@@ -57,41 +67,65 @@ class CURI {
   const std::optional<String>& getHostOptRef() const { return host_; }
   // -1 when there is none.
   int64_t getPort() const { return port_; }
-  const std::optional<String>& getEscapedUnicodeQueryOptRef() const { return query_; }
+  // The query in escaped form, but with escapes of non-ASCII characters shown
+  // as the characters; the parts constructor takes it back as it is.
+  const std::optional<String>& getEscapedUnicodeQueryOptRef() const { return unicodeQuery_; }
+  const std::optional<String>& getEscapedQueryOptRef() const { return query_; }
   const std::optional<String>& getFragmentOptRef() const { return fragment_; }
+  const std::optional<String>& getEscapedFragmentOptRef() const { return fragmentEscaped_; }
+  const std::optional<String>& getEscapedHostOptRef() const { return hostEscaped_; }
 
-  // Last path segment, decoded: "disk.vmdk".
+  // Last path segment, decoded: "disk.vmdk". A "/" at the end is passed over:
+  // the name of "file:///a/b/" is "b"; that of "file:///" is empty.
   String getName() const;
   // The name without its extension: "disk".
   String getTitle() const;
-  // The extension with its dot: ".vmdk"; empty when the name has none.
+  // The extension with its dot: ".vmdk"; empty when the name has none or
+  // only a leading dot (".hidden").
   String getExtension() const;
-  // The folder that holds this URI's last segment, ending in "/".
+  // The folder that holds the segment that getName() gives, ending in "/";
+  // query and fragment drop out. "file:///a/b.vmdk" gives "file:///a/", the
+  // relative "b.vmdk" gives "./", and "file:///" itself.
   CURI getParent() const;
 
   // Scheme and host lower-cased, dot segments removed, percent-escapes with
-  // upper-case hex, escapes of unreserved characters decoded.
+  // upper-case hex, escapes of unreserved characters decoded (RFC 3986
+  // section 6.2.2). A relative path keeps the ".." at its front. Never fails.
   CURI toNormalized() const;
 
-  // This URI (taken as a folder if its path ends in "/") with a child name
-  // added as one segment; the name is escaped.
+  // This URI taken as a folder, with a child name added as one segment: the
+  // name is escaped, "/" included. "file:///a" << "b" and "file:///a/" << "b"
+  // both give "file:///a/b"; query and fragment drop out.
   CURI operator<<(const String& childName) const;
-  // Resolves `reference` against this URI as base (RFC 3986 section 5.2).
+  // Resolves `reference` against this URI as base (RFC 3986 section 5.2). The
+  // base should be absolute; with a relative base the result is relative too.
   CURI operator<<(const CURI& reference) const;
 
+  // Component by component on the escaped text: "http://A/" and "http://a/"
+  // differ; compare normalized URIs for equivalence.
   bool operator==(const CURI& other) const;
   bool operator!=(const CURI& other) const { return !(*this == other); }
   bool operator<(const CURI& other) const { return toString() < other.toString(); }
 
  private:
+  // Sets the decoded copies that the accessors hand out by reference.
+  void updateDecoded();
+  bool hasAuthority() const { return hostEscaped_.has_value(); }
+
   String scheme_;
+  std::optional<String> userNameEscaped_;
+  std::optional<String> userAuthInfoEscaped_;
+  std::optional<String> hostEscaped_;
+  int64_t port_ = -1;
+  String path_;                  // escaped
+  std::optional<String> query_;  // escaped
+  std::optional<String> fragmentEscaped_;
+
   std::optional<String> userName_;
   std::optional<String> userAuthInfo_;
   std::optional<String> host_;
-  int64_t port_ = -1;
-  String path_;  // escaped
-  std::optional<String> query_;  // escaped
-  std::optional<String> fragment_;  // escaped
+  std::optional<String> unicodeQuery_;
+  std::optional<String> fragment_;
 };
 
 inline std::ostream& operator<<(std::ostream& os, const CURI& uri) { return os << uri.toString(true); }
