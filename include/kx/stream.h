@@ -32,8 +32,11 @@ class IStreamBase : public virtual IBase {
   virtual CURI getURI() = 0;
   // Any position from 0 to the length; beyond it raises kx::CIOError code 7.
   virtual void seek(int64_t position) = 0;
-  // Raises kx::CFileSystemError when the range is locked elsewhere or the
-  // stream can't lock.
+  // Locks `length` bytes from `offset`; a length of 0 reaches to any end,
+  // also past the file's current end. An exclusive lock needs a writable
+  // stream. The lock is held until the returned object goes. Raises
+  // kx::CFileSystemError: FSPROB_LOCKED when another open holds a conflicting
+  // lock, another problem when the stream can't lock.
   virtual P<IStreamLock> lockRange(int64_t offset, int64_t length, LockType type) = 0;
   // Releases the file; every later operation but getURI and close raises
   // kx::CIOError code 10. A second close does nothing.

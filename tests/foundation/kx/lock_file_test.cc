@@ -1,0 +1,233 @@
+#include "kx/lock_file.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "kx/error.h"
+#include "kx/local_file_system.h"
+#include "kx/memory_file_system.h"
+#include "tests/support/fault_injection_file_system.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/temp_dir.h"
+
+namespace {
+
+constexpr int kShared = 1;
+constexpr int kExclusive = 2;
+
+struct Kind {
+  const char* name;
+  bool local;
+};
+
+// Names the case in failure output instead of dumping its bytes.
+void PrintTo(const Kind& kind, std::ostream* os) { *os << kind.name; }
+
+class LockFileTest : public testing::TestWithParam<Kind> {
+ protected:
+  void SetUp() override {
+    if (GetParam().local) {
+      fs_ = kx::create<kx::CLocalFileSystem>();
+      uri_ = dir_.getFileURI("disk.vmdk.lock");
+    } else {
+      fs_ = kx::create<kx::CMemoryFileSystem>();
+      uri_ = kx::CURI(kx::String("file:///mem/disk.vmdk.lock"));
+    }
+  }
+
+  std::unique_ptr<kx::CLockFile> lock(int type, bool deleteOnRelease = false, kx::IFileSystem* fs = nullptr) {
+    return std::make_unique<kx::CLockFile>(fs ? fs : fs_.get(), uri_, type, false, deleteOnRelease);
+  }
+
+  // The error of a lock that can't be taken, checked for what every conflict says.
+  kx::CLockFileError expectConflict(const std::function<void()>& take) {
+    try {
+      take();
+    } catch (const kx::CLockFileError& e) {
+      EXPECT_EQ(e.getMessage(), "VMDK file is locked by another process: " + uri_.toString(true));
+      EXPECT_EQ(e.getProps().get("uri"), uri_.toString(true));
+      const auto* inner = dynamic_cast<const kx::CFileSystemError*>(e.getInner());
+      EXPECT_TRUE(inner && inner->getProblem() == kx::FSPROB_LOCKED);
+      return e;
+    }
+    ADD_FAILURE() << "the lock was taken";
+    return kx::CLockFileError("none");
+  }
+
+  test::CTempDir dir_;
+  kx::P<kx::IFileSystem> fs_;
+  kx::CURI uri_;
+};
+
+TEST_P(LockFileTest, TypesConflictAsSharedAndExclusive) {
+  struct Case {
+    int held, wanted;
+    bool conflict;
+  };
+  for (const Case& c : {Case{kShared, kShared, false}, Case{kShared, kExclusive, true},
+                        Case{kExclusive, kShared, true}, Case{kExclusive, kExclusive, true}}) {
+    SCOPED_TRACE(testing::Message() << c.held << "/" << c.wanted);
+    auto held = lock(c.held);
+    if (c.conflict) {
+      expectConflict([&] { lock(c.wanted); });
+    } else {
+      EXPECT_EQ(lock(c.wanted)->getType(), c.wanted);
+    }
+  }
+}
+
+TEST_P(LockFileTest, ReleasedLockCanBeTakenAgain) {
+  auto first = lock(kExclusive);
+  first.reset();
+  auto second = lock(kExclusive);
+  EXPECT_EQ(second->getURI(), uri_);
+  EXPECT_TRUE(fs_->fileExists(uri_));
+}
+
+TEST_P(LockFileTest, LastHolderDeletesTheFileWhenAsked) {
+  lock(kExclusive, true);
+  EXPECT_FALSE(fs_->fileExists(uri_));
+  lock(kExclusive, false);
+  EXPECT_TRUE(fs_->fileExists(uri_));
+
+  auto a = lock(kShared, true);
+  auto b = lock(kShared, true);
+  a.reset();
+  EXPECT_TRUE(fs_->fileExists(uri_));  // b still holds it
+  b.reset();
+  EXPECT_FALSE(fs_->fileExists(uri_));
+}
+
+TEST_P(LockFileTest, WaitingTakesTheLockOnceItIsReleased) {
+  auto held = lock(kExclusive);
+  std::thread releaser([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    held.reset();
+  });
+  kx::CLockFile waiting(fs_.get(), uri_, kExclusive, true, true, 10000);
+  releaser.join();
+
+  const auto start = std::chrono::steady_clock::now();
+  expectConflict([&] { kx::CLockFile(fs_.get(), uri_, kShared, true, true, 100); });
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(100));
+}
+
+// A holder that deletes the file on release races with a taker that opened
+// the file just before: the taker must not end up with a lock on a file that
+// no name leads to any more.
+TEST_P(LockFileTest, TakerStartsOverWhenTheFileWasDeletedUnderIt) {
+  class CHookFileSystem final : public test::CObservedFileSystem {
+   public:
+    using test::CObservedFileSystem::CObservedFileSystem;
+    void onOperation(test::FileOp op, const kx::CURI&, int) override {
+      if (op == test::FileOp::Lock && beforeFirstLock) std::exchange(beforeFirstLock, nullptr)();
+    }
+    std::function<void()> beforeFirstLock;
+  };
+  auto deleter = lock(kExclusive, true);
+  auto hooked = kx::create<CHookFileSystem>(fs_);
+  hooked->beforeFirstLock = [&] { deleter.reset(); };
+  auto taker = lock(kExclusive, true, hooked.get());
+  EXPECT_FALSE(deleter);
+  EXPECT_TRUE(fs_->fileExists(uri_));
+  expectConflict([&] { lock(kShared); });
+}
+
+TEST_P(LockFileTest, FileSystemFailuresBecomeLockFileErrors) {
+  auto faulty = kx::create<test::CFaultInjectionFileSystem>(fs_);
+  faulty->failNth(test::FileOp::Open, 1);
+  try {
+    lock(kExclusive, true, faulty.get());
+    FAIL() << "no error";
+  } catch (const kx::CLockFileError& e) {
+    EXPECT_EQ(e.getMessage(), "Cannot open the lock file: " + uri_.toString(true));
+    ASSERT_NE(e.getInner(), nullptr);
+    EXPECT_EQ(e.getInner()->getMessage(), "Injected fault");
+  }
+  faulty->failNth(test::FileOp::Lock, 1);
+  EXPECT_THROW(lock(kExclusive, true, faulty.get()), kx::CLockFileError);
+
+  faulty->failNth(test::FileOp::Delete, 1);
+  test::CLogCapture log;
+  lock(kExclusive, true, faulty.get());
+  EXPECT_EQ(log.count(kx::LogLevel::Warning), 1u);
+  EXPECT_TRUE(fs_->fileExists(uri_));
+
+  EXPECT_THROW(kx::CLockFile(fs_.get(), uri_, 3, false, false), kx::CInvalidArgError);
+}
+
+TEST_P(LockFileTest, SharedLockMakesDoWithAReadOnlyFile) {
+  auto faulty = kx::create<test::CFaultInjectionFileSystem>(fs_);
+  lock(kShared);  // leaves the file behind
+  faulty->setError(kx::CFileSystemError(kx::FSPROB_ACCESS_DENIED, kx::CError("Permission denied")));
+  faulty->failNth(test::FileOp::Open, 1);
+  {
+    auto reader = lock(kShared, true, faulty.get());
+    expectConflict([&] { lock(kExclusive); });
+  }
+  EXPECT_TRUE(fs_->fileExists(uri_));  // not ours to delete
+  faulty->failNth(test::FileOp::Open, 1);
+  EXPECT_THROW(lock(kExclusive, true, faulty.get()), kx::CLockFileError);
+}
+
+INSTANTIATE_TEST_SUITE_P(BothFileSystems, LockFileTest,
+                         testing::Values(Kind{"Memory", false}, Kind{"Local", true}),
+                         [](const testing::TestParamInfo<Kind>& info) {
+                           return std::string(info.param.name);
+                         });
+
+// The child's exit code tells how its attempt went: 0 taken, 1 locked by
+// another process, 2 some other failure.
+int lockInChild(const kx::CURI& uri, int type, bool exitHoldingIt = false) {
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    int code = 2;
+    try {
+      auto* held = new kx::CLockFile(kx::create<kx::CLocalFileSystem>().get(), uri, type, false, true);
+      if (!exitHoldingIt) delete held;
+      code = 0;
+    } catch (const kx::CLockFileError& e) {
+      code = e.getMessage().StartsWith("VMDK file is locked") ? 1 : 2;
+    } catch (...) {
+    }
+    ::_exit(code);  // skips the destructors of the parent's objects, which would unlock its locks
+  }
+  int status = 0;
+  ::waitpid(pid, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST(LockFileProcessTest, LocksConflictBetweenProcesses) {
+  test::CTempDir dir;
+  const kx::CURI uri = dir.getFileURI("disk.vmdk.lock");
+  auto fs = kx::create<kx::CLocalFileSystem>();
+  {
+    kx::CLockFile held(fs.get(), uri, kExclusive, false, true);
+    EXPECT_EQ(lockInChild(uri, kShared), 1);
+    EXPECT_EQ(lockInChild(uri, kExclusive), 1);
+  }
+  {
+    kx::CLockFile held(fs.get(), uri, kShared, false, true);
+    EXPECT_EQ(lockInChild(uri, kShared), 0);
+    EXPECT_EQ(lockInChild(uri, kExclusive), 1);
+  }
+  EXPECT_EQ(lockInChild(uri, kExclusive), 0);
+}
+
+TEST(LockFileProcessTest, LockOfADeadProcessIsGone) {
+  test::CTempDir dir;
+  const kx::CURI uri = dir.getFileURI("disk.vmdk.lock");
+  EXPECT_EQ(lockInChild(uri, kExclusive, true), 0);
+  auto fs = kx::create<kx::CLocalFileSystem>();
+  EXPECT_TRUE(fs->fileExists(uri));
+  kx::CLockFile taken(fs.get(), uri, kExclusive, false, true);
+}
+
+}  // namespace
