@@ -1,0 +1,127 @@
+#include "zarn/descriptor_accessor.h"
+
+#include <string>
+
+#include "kx/data_stream.h"
+#include "kx/error.h"
+#include "kx/log.h"
+#include "kx/random.h"
+#include "zarn/sparse_extent_header.h"
+
+namespace zarn {
+namespace {
+
+constexpr int64_t kSectorSizeBytes = 512;
+
+// "parentCID" of a disk without a parent; never drawn as a content ID.
+constexpr uint32_t kNoParentContentID = 0xFFFFFFFF;
+
+kx::CProps uriProps(kx::IIOStream& stream) { return kx::CProps().add("uri", stream.getURI().toString(true)); }
+
+// Puts the stream back after a failure. The error that brought us here is
+// the one worth reporting, so a second one from the seek is dropped.
+void seekBackQuietly(kx::IIOStream& stream, int64_t position) noexcept {
+  try {
+    stream.seek(position);
+  } catch (const std::exception&) {
+  }
+}
+
+}  // namespace
+
+CVMDKDescriptorAccessor::CVMDKDescriptorAccessor(kx::IIOStream* stream, kx::IIOStream::Access access)
+    : stream_(kx::P<kx::IIOStream>::share(stream)), access_(access) {
+  if (!stream_) throw kx::CError("Internal error: CVMDKDescriptorAccessor was given no stream.");
+  const int64_t startPosition = stream_->getPosition();
+  try {
+    readDescriptor();
+    stream_->seek(startPosition);
+  } catch (const kx::CError&) {
+    seekBackQuietly(*stream_, startPosition);
+    throw;
+  }
+}
+
+CVMDKDescriptorAccessor::~CVMDKDescriptorAccessor() = default;
+
+void CVMDKDescriptorAccessor::readDescriptor() {
+  kx::IIOStream& stream = *stream_;
+  kx::CDataInStream in(stream);
+  stream.seek(0);
+  const uint32_t magic = in.readUInt32();
+  if (magic == CVMDKSparseExtentHeader::kMagic || magic == CVMDKSparseExtentHeader::kMagicEncrypted) {
+    embeddedInSparseExtentFile_ = true;
+    stream.seek(0);
+    CVMDKSparseExtentHeader header;
+    header.load(in);
+    const uint32_t version = header.getVersion();
+    if (version < 1 || version > 3) {
+      throw kx::CIOError(
+          kx::IOERR_UNSUPPORTED_VERSION,
+          kx::String("VMDK file has an unsupported version: ") + kx::String(std::to_string(version)),
+          uriProps(stream));
+    }
+    // Sector counts far beyond any file wrap here and are then refused as
+    // too small, too big or unreachable.
+    descriptorOffset_ = static_cast<int64_t>(header.getDescriptorOffsetSectors() * kSectorSizeBytes);
+    descriptorSize_ = static_cast<int64_t>(header.getDescriptorSizeSectors() * kSectorSizeBytes);
+    if (descriptorOffset_ < 1 || descriptorSize_ < 1) {
+      throw kx::CIOError(kx::IOERR_DAMAGED_DATA, "No VMDK descriptor found in VMDK file.", uriProps(stream));
+    }
+  } else {
+    // Descriptor files are plain text, so not finding a header is the normal
+    // case for them.
+    kx::logInfo(kx::String("Unsupported VMDK type identifier (0x") + kx::String::Format("%x", magic) +
+                "). Handle as not embedded descriptor...");
+    embeddedInSparseExtentFile_ = false;
+    descriptorOffset_ = 0;
+    descriptorSize_ = stream.getLength();
+  }
+  if (descriptorSize_ > kMaxDescriptorSizeBytes) {
+    throw kx::CIOError(
+        kx::IOERR_DAMAGED_DATA,
+        kx::String("VMDK descriptor is too big (") + kx::String(std::to_string(descriptorSize_)) + " bytes).",
+        uriProps(stream));
+  }
+  kx::TBuffer<unsigned char> area(static_cast<size_t>(descriptorSize_));
+  stream.seek(descriptorOffset_);
+  stream.read(area.getData(), static_cast<int>(descriptorSize_));
+  descriptor_ = kx::create<CVMDKDescriptor>(area);
+}
+
+uint32_t CVMDKDescriptorAccessor::changeContentID() {
+  if (access_ != kx::IIOStream::ACCESS_READ_WRITE) {
+    throw kx::CError(
+        "Internal error: CVMDKDescriptorAccessor::changeContentID was called, but the accessor was not "
+        "opened for writing.");
+  }
+  const uint32_t oldContentID = descriptor_->getContentID();
+  uint32_t contentID = 0;
+  do {
+    kx::CMutexLock lock(kx::CMTRand::getGlobalInstanceMutex());
+    contentID = kx::CMTRand::getGlobal().rand32();
+  } while (contentID == 0 || contentID == kNoParentContentID || contentID == oldContentID);
+  descriptor_->setContentID(contentID);
+  return contentID;
+}
+
+void CVMDKDescriptorAccessor::storeDescriptor(bool flush) {
+  if (access_ != kx::IIOStream::ACCESS_READ_WRITE) {
+    throw kx::CError(
+        "Internal error: CVMDKDescriptorAccessor::storeDescriptor was called, but the accessor was not "
+        "opened for writing.");
+  }
+  const int64_t position = stream_->getPosition();
+  try {
+    stream_->seek(descriptorOffset_);
+    const kx::TBuffer<unsigned char> padBuffer(static_cast<size_t>(descriptorSize_));
+    descriptor_->store(*stream_, static_cast<int>(descriptorSize_), padBuffer);
+    if (flush) stream_->flush();
+    stream_->seek(position);
+  } catch (const kx::CError&) {
+    seekBackQuietly(*stream_, position);
+    throw;
+  }
+}
+
+}  // namespace zarn

@@ -1,0 +1,263 @@
+#include "zarn/descriptor_accessor.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "kx/buffer_stream.h"
+#include "kx/error.h"
+#include "tests/support/file_bytes.h"
+#include "tests/support/log_capture.h"
+
+namespace {
+
+using zarn::CVMDKDescriptorAccessor;
+using Bytes = std::vector<unsigned char>;
+
+const char kURI[] = "file:///vm/disk.vmdk";
+constexpr size_t kDescriptorOffset = 512;
+constexpr size_t kDescriptorArea = 20 * 512;
+
+std::string readTestFile(const std::string& name) {
+  std::ifstream in(std::string(ZARN_TESTDATA_DIR) + "/descriptors/" + name, std::ios::binary);
+  EXPECT_TRUE(in.good()) << name;
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+Bytes toBytes(const std::string& s) { return Bytes(s.begin(), s.end()); }
+
+kx::P<kx::CBufferStream> makeStream(const Bytes& bytes, int64_t position) {
+  auto buffer = kx::create<kx::TBuffer<unsigned char>>();
+  buffer->assign(bytes.data(), bytes.size());
+  auto stream = kx::create<kx::CBufferStream>(buffer, 2.0, kx::CURI(kx::String(kURI)));
+  stream->seek(position);
+  return stream;
+}
+
+Bytes contentOf(kx::CBufferStream& stream) {
+  const auto& buffer = stream.getBuffer();
+  return Bytes(buffer->getData(), buffer->getData() + buffer->getUsed());
+}
+
+// A monolithic sparse extent as other tools lay it out: header sector, the
+// descriptor area from sector 1 on, then metadata that must stay untouched.
+Bytes makeSparseExtent(const std::string& descriptor, uint32_t magic = 0x564D444B, uint32_t version = 1,
+                       uint64_t offsetSectors = 1, uint64_t sizeSectors = 20) {
+  Bytes file(kDescriptorOffset + kDescriptorArea + 1024, 0xEE);
+  std::fill(file.begin(), file.begin() + kDescriptorOffset + kDescriptorArea, 0);
+  test::putLE(file, 0, magic, 4);
+  test::putLE(file, 4, version, 4);
+  test::putLE(file, 8, 0x3, 4);  // valid line-end check bytes, redundant directory
+  test::putLE(file, 12, 16777216, 8);
+  test::putLE(file, 20, 128, 8);
+  test::putLE(file, 28, offsetSectors, 8);
+  test::putLE(file, 36, sizeSectors, 8);
+  test::putLE(file, 44, 512, 4);
+  test::putLE(file, 48, 21, 8);
+  test::putLE(file, 56, 4117, 8);
+  test::putLE(file, 64, 8320, 8);
+  const unsigned char check[] = {'\n', ' ', '\r', '\n'};
+  std::copy(check, check + 4, file.begin() + 73);
+  std::copy(descriptor.begin(), descriptor.end(), file.begin() + kDescriptorOffset);
+  return file;
+}
+
+std::shared_ptr<kx::CError> expectError(const std::function<void()>& action, int code,
+                                        const std::string& message) {
+  try {
+    action();
+  } catch (const kx::CError& e) {
+    EXPECT_EQ(e.getCode(), code);
+    if (!message.empty()) {
+      EXPECT_EQ(e.getMessage().toUTF8(), message);
+    }
+    return e.clone();
+  }
+  ADD_FAILURE() << "nothing raised, expected: " << message;
+  return nullptr;
+}
+
+TEST(DescriptorAccessorTest, EmbeddedDescriptorIsReadAndStoredInItsArea) {
+  const std::string text = readTestFile("monolithic_sparse_embedded.txt");
+  const Bytes original = makeSparseExtent(text);
+  kx::P<kx::CBufferStream> stream = makeStream(original, 1000);
+  auto accessor = kx::create<CVMDKDescriptorAccessor>(stream.get(), kx::IIOStream::ACCESS_READ_WRITE);
+  EXPECT_EQ(stream->getPosition(), 1000);
+  EXPECT_TRUE(accessor->getEmbeddedInSparseExtentFile());
+  kx::P<zarn::CVMDKDescriptor> descriptor = accessor->getDescriptor();
+  EXPECT_EQ(descriptor, accessor->getDescriptor());
+  EXPECT_EQ(descriptor->getCreateType(), "monolithicSparse");
+  EXPECT_EQ(descriptor->getContentID(), 0xfffffffeu);
+
+  descriptor->setContentID(0x1a2b3c4d);
+  descriptor->setAdapterType("lsilogic");
+  stream->seek(1000);
+  accessor->storeDescriptor(true);
+  EXPECT_EQ(stream->getPosition(), 1000);
+
+  const std::string expected = readTestFile("monolithic_sparse_embedded.expected");
+  Bytes wanted = original;
+  std::fill(wanted.begin() + kDescriptorOffset, wanted.begin() + kDescriptorOffset + kDescriptorArea, 0);
+  std::copy(expected.begin(), expected.end(), wanted.begin() + kDescriptorOffset);
+  EXPECT_EQ(contentOf(*stream), wanted);
+}
+
+TEST(DescriptorAccessorTest, HeaderDecidesWhereTheDescriptorIs) {
+  struct Case {
+    uint32_t magic;
+    uint32_t version;
+    uint64_t offsetSectors;
+    uint64_t sizeSectors;
+    int code;  // 0: opens
+    const char* message;
+  } cases[] = {
+      {0x564D444B, 2, 1, 20, 0, ""},
+      {0x564D444B, 3, 1, 20, 0, ""},
+      {0x05644B45, 1, 1, 20, 0, ""},
+      {0x564D444B, 0, 1, 20, 6, "VMDK file has an unsupported version: 0"},
+      {0x564D444B, 4, 1, 20, 6, "VMDK file has an unsupported version: 4"},
+      {0x564D444B, 1, 0, 20, 5, "No VMDK descriptor found in VMDK file."},
+      {0x564D444B, 1, 1, 0, 5, "No VMDK descriptor found in VMDK file."},
+      {0x564D444B, 1, 1, 10241, 5, "VMDK descriptor is too big (5243392 bytes)."},
+      {0x564D444B, 1, 1, 0x0080000000000000ULL, 5, "No VMDK descriptor found in VMDK file."},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.version << " " << c.sizeSectors);
+    kx::P<kx::CBufferStream> stream =
+        makeStream(makeSparseExtent("a=1\n", c.magic, c.version, c.offsetSectors, c.sizeSectors), 1000);
+    if (c.code == 0) {
+      CVMDKDescriptorAccessor accessor(stream.get(), kx::IIOStream::ACCESS_READ);
+      EXPECT_TRUE(accessor.getEmbeddedInSparseExtentFile());
+      EXPECT_EQ(accessor.getDescriptor()->getValue("a"), "1");
+    } else {
+      auto error =
+          expectError([&] { CVMDKDescriptorAccessor accessor(stream.get(), kx::IIOStream::ACCESS_READ); },
+                      c.code, c.message);
+      ASSERT_TRUE(error);
+      EXPECT_EQ(error->getProps().get("uri"), kURI);
+    }
+    EXPECT_EQ(stream->getPosition(), 1000);
+  }
+
+  // Too short for the magic: the stream's own read error.
+  kx::P<kx::CBufferStream> shortFile = makeStream(toBytes("a="), 2);
+  expectError([&] { CVMDKDescriptorAccessor accessor(shortFile.get(), kx::IIOStream::ACCESS_READ); },
+              kx::IOERR_READ_PAST_END, "");
+  EXPECT_EQ(shortFile->getPosition(), 2);
+}
+
+TEST(DescriptorAccessorTest, DescriptorFileIsTheWholeFile) {
+  const std::string text = readTestFile("two_gb_max_extent_sparse.vmdk");
+  kx::P<kx::CBufferStream> stream = makeStream(toBytes(text), 100);
+  test::CLogCapture log;
+  auto accessor = kx::create<CVMDKDescriptorAccessor>(stream.get(), kx::IIOStream::ACCESS_READ_WRITE);
+  EXPECT_FALSE(accessor->getEmbeddedInSparseExtentFile());
+  ASSERT_EQ(log.lines.size(), 1u);
+  EXPECT_EQ(log.lines[0].level, kx::LogLevel::Info);
+  // "# Di" as a little-endian word.
+  EXPECT_EQ(log.lines[0].text,
+            "Unsupported VMDK type identifier (0x69442023). Handle as not embedded descriptor...");
+
+  // Same length of text: the file is rewritten without padding.
+  accessor->getDescriptor()->setContentID(0x12345678);
+  accessor->storeDescriptor(false);
+  std::string expected = text;
+  expected.replace(expected.find("CID=3f1c2a7b"), 12, "CID=12345678");
+  EXPECT_EQ(contentOf(*stream), toBytes(expected));
+  EXPECT_EQ(stream->getPosition(), 100);
+
+  // Shorter: zeros fill the rest, and a new accessor stops reading at them.
+  accessor->getDescriptor()->setContentID(0x1);
+  accessor->storeDescriptor(true);
+  expected.replace(expected.find("CID=12345678"), 12, "CID=1");
+  EXPECT_EQ(contentOf(*stream), toBytes(expected + std::string(7, '\0')));
+  auto again = kx::create<CVMDKDescriptorAccessor>(stream.get(), kx::IIOStream::ACCESS_READ);
+  EXPECT_EQ(again->getDescriptor()->toString().toUTF8(), expected);
+
+  // Nothing refuses a file that is no descriptor at all.
+  kx::P<kx::CBufferStream> junk = makeStream({0x7f, 'E', 'L', 'F', 2, 1, 1, '\n', 0xC8, 0xFF}, 0);
+  EXPECT_EQ(
+      CVMDKDescriptorAccessor(junk.get(), kx::IIOStream::ACCESS_READ).getDescriptor()->getEntries().size(),
+      2u);
+}
+
+TEST(DescriptorAccessorTest, DescriptorFileLimitIsFiveMiB) {
+  // The last line sits in the last bytes, so seeing it proves the whole file
+  // was read.
+  const std::string last = "last=1\n";
+  std::string text(0x500000 - last.size(), '#');
+  for (size_t i = 79; i < text.size(); i += 80) text[i] = '\n';
+  text[text.size() - 1] = '\n';
+  text += last;
+  ASSERT_EQ(text.size(), 5242880u);
+  kx::P<kx::CBufferStream> stream = makeStream(toBytes(text), 1000);
+  auto accessor = kx::create<CVMDKDescriptorAccessor>(stream.get(), kx::IIOStream::ACCESS_READ);
+  EXPECT_EQ(accessor->getDescriptor()->getValue("last"), "1");
+  EXPECT_EQ(stream->getPosition(), 1000);
+
+  kx::P<kx::CBufferStream> tooBig = makeStream(toBytes(text + "\n"), 1000);
+  std::shared_ptr<kx::CError> error =
+      expectError([&] { CVMDKDescriptorAccessor accessor(tooBig.get(), kx::IIOStream::ACCESS_READ); }, 5,
+                  "VMDK descriptor is too big (5242881 bytes).");
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->getProps().get("uri"), kURI);
+  EXPECT_EQ(tooBig->getPosition(), 1000);
+}
+
+TEST(DescriptorAccessorTest, StoreRefusesTextThatNoLongerFits) {
+  // No room even for the encoding line that store adds.
+  const std::string text = "# Disk DescriptorFile\nCID=1\n";
+  kx::P<kx::CBufferStream> stream = makeStream(toBytes(text + std::string(10, '\0')), 5);
+  auto accessor = kx::create<CVMDKDescriptorAccessor>(stream.get(), kx::IIOStream::ACCESS_READ_WRITE);
+  stream->seek(30);
+  expectError(
+      [&] { accessor->storeDescriptor(true); }, -1,
+      "Internal error: actual VMDK descriptor size exceeds target size (actual size: 45, target size: 38");
+  EXPECT_EQ(contentOf(*stream), toBytes(text + std::string(10, '\0')));
+  EXPECT_EQ(stream->getPosition(), 30);
+}
+
+TEST(DescriptorAccessorTest, ReadOnlyAccessorRefusesChanges) {
+  const Bytes original = makeSparseExtent("CID=1\n");
+  kx::P<kx::CBufferStream> stream = makeStream(original, 0);
+  auto accessor = kx::create<CVMDKDescriptorAccessor>(stream.get(), kx::IIOStream::ACCESS_READ);
+  expectError(
+      [&] { accessor->changeContentID(); }, -1,
+      "Internal error: CVMDKDescriptorAccessor::changeContentID was called, but the accessor was not opened "
+      "for writing.");
+  expectError(
+      [&] { accessor->storeDescriptor(false); }, -1,
+      "Internal error: CVMDKDescriptorAccessor::storeDescriptor was called, but the accessor was not opened "
+      "for writing.");
+  EXPECT_EQ(accessor->getDescriptor()->getContentID(), 1u);
+  EXPECT_EQ(contentOf(*stream), original);
+}
+
+TEST(DescriptorAccessorTest, ChangeContentIDDrawsAFreshValidValue) {
+  kx::P<kx::CBufferStream> stream = makeStream(makeSparseExtent("CID=fffffffe\nparentCID=ffffffff\n"), 0);
+  auto accessor = kx::create<CVMDKDescriptorAccessor>(stream.get(), kx::IIOStream::ACCESS_READ_WRITE);
+  const Bytes before = contentOf(*stream);
+  std::set<uint32_t> seen;
+  uint32_t previous = accessor->getDescriptor()->getContentID();
+  for (int i = 0; i < 200; ++i) {
+    const uint32_t drawn = accessor->changeContentID();
+    EXPECT_NE(drawn, 0u);
+    EXPECT_NE(drawn, 0xffffffffu);
+    EXPECT_NE(drawn, previous);
+    EXPECT_EQ(accessor->getDescriptor()->getContentID(), drawn);
+    seen.insert(drawn);
+    previous = drawn;
+  }
+  EXPECT_GT(seen.size(), 190u);
+  EXPECT_EQ(accessor->getDescriptor()->getParentContentID(), 0xffffffffu);
+  EXPECT_EQ(contentOf(*stream), before);  // nothing written until storeDescriptor
+}
+
+}  // namespace
