@@ -6,6 +6,7 @@
 
 #include "kx/error.h"
 #include "kx/memory_file_system.h"
+#include "tests/support/counting_file_system.h"
 #include "tests/support/fault_injection_file_system.h"
 #include "tests/support/file_bytes.h"
 #include "tests/support/log_capture.h"
@@ -262,6 +263,26 @@ TEST(EmptyExtentFileFaultTest, FailedOpenStillTriesTheDelete) {
                                                      512, 128, zeros, nullptr, 0, {}),
                kx::CFileSystemError);
   EXPECT_EQ(faulty->getCallCount(test::FileOp::Delete), 1);
+}
+
+// The head is written front to back; only the header goes out twice, and the
+// file is written in pieces no smaller than the zeros buffer allows.
+TEST(EmptyExtentFileCostTest, CreationIsOneSequentialPass) {
+  const kx::CURI uri(kx::String("file:///vms/disk.vmdk"));
+  auto memory = kx::create<kx::CMemoryFileSystem>();
+  auto counting = kx::create<test::CCountingFileSystem>(memory);
+  kx::TBuffer<unsigned char> zeros(65536);
+  for (bool compressed : {false, true}) {
+    memory->deleteFile(uri, true);
+    counting->reset();
+    zarn::createEmptyVMDKSparseExtentFile(counting.get(), uri, compressed, 1 << 16, 128, zeros, nullptr, 0, {});
+    const int64_t length = test::readFileBytes(*memory, uri).size();
+    SCOPED_TRACE(compressed ? "compressed" : "plain");
+    EXPECT_GE(counting->getBytes(test::FileOp::Write), length);
+    EXPECT_LE(counting->getBytes(test::FileOp::Write), length + 512);
+    EXPECT_LE(counting->getCount(test::FileOp::Write), length / 65536 + 4);
+    EXPECT_EQ(counting->getCount(test::FileOp::Read), 0);
+  }
 }
 
 }  // namespace
