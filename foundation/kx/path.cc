@@ -2,6 +2,7 @@
 
 #include <vector>
 
+#include "foundation/kx/split.h"
 #include "kx/error.h"
 
 namespace kx {
@@ -12,22 +13,6 @@ bool isAsciiLetter(wxUniChar c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && 
 
 bool isTrailingTrimmedOnWindows(wxUniChar c) { return c == '.' || c == ' '; }
 
-// Splits at `separator`, keeping empty pieces.
-std::vector<String> splitAt(const String& text, wxUniChar separator) {
-  std::vector<String> pieces;
-  String piece;
-  for (wxUniChar c : text) {
-    if (c == separator) {
-      pieces.push_back(piece);
-      piece.clear();
-    } else {
-      piece += c;
-    }
-  }
-  pieces.push_back(piece);
-  return pieces;
-}
-
 }  // namespace
 
 // ---- Windows
@@ -37,7 +22,7 @@ bool CWindowsPathTraits::pathNeedsToBeNormalizedToBeValid(const String& path) {
   const int rootLength = getRootLength(path);
   const String rest = rootLength < 0 ? path : String(path.Mid(rootLength));
   if (rest.isEmpty()) return false;
-  const std::vector<String> pieces = splitAt(rest, kSeparator);
+  const std::vector<String> pieces = detail::splitAt(rest, kSeparator);
   for (size_t i = 0; i < pieces.size(); ++i) {
     const String& piece = pieces[i];
     // A trailing separator leaves one empty piece at the end; that is harmless.
@@ -146,7 +131,7 @@ String TPathImpl<Traits>::normalizeText(const String& path) {
   const String rest = hasRoot ? String(separated.Mid(rootLength)) : separated;
 
   std::vector<String> kept;
-  for (const String& piece : splitAt(rest, Traits::kSeparator)) {
+  for (const String& piece : detail::splitAt(rest, Traits::kSeparator)) {
     if (piece.isEmpty() || piece == ".") continue;
     if (piece == "..") {
       if (!kept.empty() && kept.back() != "..") {

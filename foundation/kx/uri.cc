@@ -5,6 +5,7 @@
 #include <string_view>
 #include <vector>
 
+#include "foundation/kx/split.h"
 #include "kx/error.h"
 #include "kx/path.h"
 
@@ -444,21 +445,6 @@ std::string escapeSegments(const std::vector<String>& pieces) {
   return out;
 }
 
-std::vector<String> splitPieces(const String& text, wxUniChar separator) {
-  std::vector<String> pieces;
-  String piece;
-  for (wxUniChar c : text) {
-    if (c == separator) {
-      pieces.push_back(piece);
-      piece.clear();
-    } else {
-      piece += c;
-    }
-  }
-  pieces.push_back(piece);
-  return pieces;
-}
-
 }  // namespace
 
 // ---- Construction
@@ -597,12 +583,12 @@ CURI::CURI(const TPathImpl<CWindowsPathTraits>& path, bool normalize) {
   const int rootLength = Traits::getRootLength(text);
   std::vector<String> pieces;
   if (rootLength < 0) {
-    pieces = splitPieces(text, Traits::kSeparator);
+    pieces = detail::splitAt(text, Traits::kSeparator);
   } else {
-    pieces = splitPieces(text.Mid(rootLength), Traits::kSeparator);
+    pieces = detail::splitAt(text.Mid(rootLength), Traits::kSeparator);
     const String root = text.Left(rootLength);
     if (root.StartsWith("\\\\")) {
-      const std::vector<String> rootPieces = splitPieces(root.Mid(2), Traits::kSeparator);
+      const std::vector<String> rootPieces = detail::splitAt(root.Mid(2), Traits::kSeparator);
       hostEscaped_ = String(escape(rootPieces[0].toUTF8(), isRegNameChar));
       if (rootPieces.size() > 1 && !rootPieces[1].isEmpty()) pieces.insert(pieces.begin(), rootPieces[1]);
     } else if (rootLength == 2) {
