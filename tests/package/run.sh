@@ -9,9 +9,9 @@ trap 'rm -rf "$scratch"' EXIT
 cmake --install "$build_dir" --prefix "$scratch/prefix" >/dev/null
 cmake -S "$source_dir" -B "$scratch/cmake" -G Ninja -DCMAKE_PREFIX_PATH="$scratch/prefix" >/dev/null
 cmake --build "$scratch/cmake" >/dev/null
-LD_LIBRARY_PATH="$scratch/prefix/lib:$scratch/prefix/lib/x86_64-linux-gnu" "$scratch/cmake/consumer"
+LD_LIBRARY_PATH="$scratch/prefix/lib:$scratch/prefix/lib/x86_64-linux-gnu" "$scratch/cmake/consumer" "$scratch/disk.vmdk"
 export PKG_CONFIG_PATH="$scratch/prefix/lib/pkgconfig:$scratch/prefix/lib/x86_64-linux-gnu/pkgconfig"
 # shellcheck disable=SC2046
 c++ -std=c++17 "$source_dir/consumer.cc" -o "$scratch/consumer-pc" $(pkg-config --cflags --libs zarn)
-LD_LIBRARY_PATH="$scratch/prefix/lib:$scratch/prefix/lib/x86_64-linux-gnu" "$scratch/consumer-pc"
+LD_LIBRARY_PATH="$scratch/prefix/lib:$scratch/prefix/lib/x86_64-linux-gnu" "$scratch/consumer-pc" "$scratch/disk-pc.vmdk"
 echo "package consumer: ok"
