@@ -44,7 +44,7 @@ CLockFile::CLockFile(IFileSystem* fileSystem, const CURI& uri, int type, bool wa
     openStream();
     const Attempt attempt = tryLock();
     if (attempt == Attempt::Locked) return;
-    release();
+    releaseLock();
     if (attempt == Attempt::Stale) {
       if (++staleRounds > kMaxStaleRounds) {
         throw CLockFileError(String("The lock file keeps being replaced: ") + uri_.toString(true),
@@ -69,7 +69,7 @@ CLockFile::~CLockFile() {
   } catch (const std::exception& e) {
     logWarning(e, String("Cannot delete the lock file: ") + uri_.toString(true));
   }
-  release();
+  releaseLock();
 }
 
 void CLockFile::openStream() {
@@ -106,11 +106,11 @@ CLockFile::Attempt CLockFile::tryLock() {
       lastConflict_ = e.clone();
       return Attempt::Conflict;
     }
-    release();
+    releaseLock();
     throw CLockFileError(String("Cannot lock the lock file: ") + uri_.toString(true),
                          CProps().add("uri", uri_.toString(true)), &e);
   } catch (const CError& e) {
-    release();
+    releaseLock();
     throw CLockFileError(String("Cannot lock the lock file: ") + uri_.toString(true),
                          CProps().add("uri", uri_.toString(true)), &e);
   }
@@ -144,7 +144,7 @@ void CLockFile::deleteIfLast() {
   if (checkIdentity() == 1) fileSystem_->deleteFile(uri_, true);
 }
 
-void CLockFile::release() noexcept {
+void CLockFile::releaseLock() noexcept {
   lock_ = nullptr;
   if (stream_) {
     try {

@@ -62,7 +62,7 @@ class CLockFile final : public CBase {
   Attempt tryLock();
   void deleteIfLast();
   int checkIdentity() noexcept;
-  void release() noexcept;
+  void releaseLock() noexcept;
 
   P<IFileSystem> fileSystem_;
   CURI uri_;
