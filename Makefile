@@ -4,7 +4,7 @@ SAN_DIR      ?= build-sanitize
 JOBS         ?= $(shell nproc)
 CMAKE_FLAGS  ?=
 
-.PHONY: all deps configure build test test-sanitize test-slow bench demo install clean
+.PHONY: all deps configure build test test-sanitize test-slow bench fuzz demo install clean
 
 all: build
 
@@ -32,6 +32,18 @@ test-sanitize: deps
 
 bench: build
 	@for b in $(BUILD_DIR)/bench/*_bench; do echo "== $$b"; $$b --benchmark_min_time=0.2; done
+
+# libFuzzer runs of every fuzz target (clang), FUZZ_SECONDS each; new inputs
+# collect in $(FUZZ_DIR)/corpus/<target>.
+FUZZ_DIR     ?= build-fuzz
+FUZZ_SECONDS ?= 60
+fuzz: deps
+	@command -v clang++ >/dev/null || ./scripts/install-deps.sh clang
+	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_DIR) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DZARN_BUILD_FUZZERS=ON -DZARN_SANITIZE=ON -DZARN_BUILD_TESTS=OFF -DZARN_BUILD_BENCHMARKS=OFF -DZARN_INSTALL=OFF
+	cmake --build $(FUZZ_DIR) -j $(JOBS)
+	@for f in $(FUZZ_DIR)/fuzz/*_fuzzer; do n=$$(basename $$f); mkdir -p $(FUZZ_DIR)/corpus/$$n; \
+	  echo "== $$n"; $$f -max_total_time=$(FUZZ_SECONDS) -rss_limit_mb=2048 $(FUZZ_DIR)/corpus/$$n testdata/fuzz/$$n || exit 1; done
 
 demo: build
 	@if [ -x scripts/demo.sh ]; then ./scripts/demo.sh $(BUILD_DIR); \

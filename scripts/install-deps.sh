@@ -4,6 +4,8 @@ set -euo pipefail
 
 packages=(build-essential g++ cmake ninja-build pkg-config libwxgtk3.2-dev zlib1g-dev libssl-dev
   libdeflate-dev googletest libgtest-dev libbenchmark-dev qemu-utils)
+# Extra packages a caller names, such as clang for the fuzz targets.
+packages+=("$@")
 
 missing=()
 for p in "${packages[@]}"; do
