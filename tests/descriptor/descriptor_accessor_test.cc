@@ -13,6 +13,8 @@
 
 #include "kx/buffer_stream.h"
 #include "kx/error.h"
+#include "kx/memory_file_system.h"
+#include "tests/support/fault_injection_file_system.h"
 #include "tests/support/file_bytes.h"
 #include "tests/support/log_capture.h"
 
@@ -258,6 +260,40 @@ TEST(DescriptorAccessorTest, ChangeContentIDDrawsAFreshValidValue) {
   EXPECT_GT(seen.size(), 190u);
   EXPECT_EQ(accessor->getDescriptor()->getParentContentID(), 0xffffffffu);
   EXPECT_EQ(contentOf(*stream), before);  // nothing written until storeDescriptor
+}
+
+TEST(DescriptorAccessorTest, StreamFailuresPassThroughAndLeaveThePosition) {
+  // Every read, seek, write and flush of opening and of a store fails once in
+  // turn; the stream's own error must come out unchanged and the stream must
+  // be back where the caller had it. Both kinds of file are walked.
+  const std::string text = readTestFile("monolithic_sparse_embedded.txt");
+  const Bytes files[] = {makeSparseExtent(text), toBytes(text + std::string(200, '\0'))};
+  const test::FileOp ops[] = {test::FileOp::Read, test::FileOp::Seek, test::FileOp::Write, test::FileOp::Flush};
+  for (const Bytes& file : files) {
+    for (const test::FileOp op : ops) {
+      for (int n = 1;; ++n) {
+        SCOPED_TRACE(testing::Message() << test::getFileOpName(op) << " " << n << " of " << file.size());
+        auto memory = kx::create<kx::CMemoryFileSystem>();
+        auto faulty = kx::create<test::CFaultInjectionFileSystem>(memory);
+        const kx::CURI uri{kx::String(kURI)};
+        test::writeFileBytes(*faulty, uri, file);
+        int flags = 0;
+        kx::P<kx::IIOStream> stream = faulty->openFile(uri, kx::IIOStream::ACCESS_READ_WRITE, flags);
+        stream->seek(77);
+        faulty->failNth(op, n);
+        try {
+          auto accessor = kx::create<CVMDKDescriptorAccessor>(stream.get(), kx::IIOStream::ACCESS_READ_WRITE);
+          EXPECT_EQ(stream->getPosition(), 77);
+          accessor->getDescriptor()->setContentID(0x12345678);
+          accessor->storeDescriptor(true);
+        } catch (const kx::CFileSystemError& error) {
+          EXPECT_EQ(error.getMessage(), "Injected fault");
+        }
+        EXPECT_EQ(stream->getPosition(), 77);
+        if (faulty->getFaultCount() == 0) break;
+      }
+    }
+  }
 }
 
 }  // namespace
