@@ -36,7 +36,8 @@ namespace zarn {
 class CVMDKDescriptor : public kx::CBase {
  public:
   // Any line that is neither a name/value line nor an extent line: comments,
-  // empty lines, unknown content. Kept byte for byte, a trailing "\r" too.
+  // empty lines, unknown content. Kept as it stands, a trailing "\r" too; only
+  // its characters are stored as UTF-8 whatever the file declared.
   class CGenericEntry : public CVMDKDescriptorEntry {
    public:
     explicit CGenericEntry(const kx::String& line) : line_(line) {}
