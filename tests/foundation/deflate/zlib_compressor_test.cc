@@ -10,14 +10,6 @@
 
 namespace {
 
-TEST(ZLibCompressorTest, LevelsAndDescription) {
-  EXPECT_EQ(kx::create<dfz::CZLibCompressor>(-1)->getInternalDesc(), "zlib-6");
-  EXPECT_EQ(kx::create<dfz::CZLibCompressor>(0)->getInternalDesc(), "zlib-0");
-  EXPECT_EQ(kx::create<dfz::CZLibCompressor>(9)->getInternalDesc(), "zlib-9");
-  EXPECT_THROW(dfz::CZLibCompressor(10), kx::CInvalidArgError);
-  EXPECT_THROW(dfz::CZLibCompressor(-2), kx::CInvalidArgError);
-}
-
 // The bound is zlib's own for a fresh stream of these settings; checking it
 // here catches a zlib whose formula moved.
 TEST(ZLibCompressorTest, BoundMatchesZLib) {
@@ -38,13 +30,11 @@ TEST(ZLibCompressorTest, LevelZeroAlwaysFitsItsBound) {
   std::mt19937 rng(99);
   std::vector<unsigned char> in(200001), out;
   for (auto& b : in) b = static_cast<unsigned char>(rng());
-  std::vector<int> sizes;
-  for (int size = 0; size <= 1100; ++size) sizes.push_back(size);
-  for (int size = 1101; size <= 200000; size += 997) sizes.push_back(size);
-  for (int blocks = 1; blocks <= 3; ++blocks) {
-    for (int delta = -6; delta <= 6; ++delta) sizes.push_back(blocks * 65535 + delta);
+  std::vector<int> sizes = {200000};
+  for (int size = 0; size <= 200000; size += size <= 1100 ? 1 : 997) sizes.push_back(size);
+  for (int delta = -6; delta <= 6; ++delta) {
+    for (int blocks = 1; blocks <= 3; ++blocks) sizes.push_back(blocks * 65535 + delta);
   }
-  sizes.push_back(200000);
   for (int size : sizes) {
     const int bound = c->getCompressedSizeUpperBound(size);
     out.assign(bound, 0);

@@ -3,30 +3,26 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <vector>
 
 #include "kx/log.h"
 #include "tests/support/log_capture.h"
 
 namespace {
 
-TEST(PropsTest, KeepsInsertionOrderAndFormatsNumbers) {
+TEST(ErrorTest, PropsKeepInsertionOrderAndShowInWhat) {
   kx::CProps props;
   props.add("zeta", "last").add("alpha", int64_t{-5}).add("mid", uint64_t{18446744073709551615u});
-  ASSERT_EQ(props.size(), 3u);
-  EXPECT_EQ(props.getItems()[0].first, "zeta");
   EXPECT_EQ(props.get("alpha"), "-5");
-  EXPECT_EQ(props.get("mid"), "18446744073709551615");
   EXPECT_FALSE(props.has("missing"));
   EXPECT_EQ(props.get("missing"), "");
   EXPECT_EQ(props.toString(), "zeta: last, alpha: -5, mid: 18446744073709551615");
-}
 
-TEST(ErrorTest, WhatShowsMessageContextAndProperties) {
   kx::CInvalidArgError error("CVMDKGrain::seek", "Bad position", kx::CProps().add("position", int64_t{7}));
   EXPECT_EQ(error.getCode(), -1);
-  EXPECT_EQ(error.getContext(), "CVMDKGrain::seek");
   EXPECT_STREQ(error.what(), "CVMDKGrain::seek: Bad position (position: 7)");
+  kx::CFileSystemError fs(kx::FSPROB_NOT_SUPPORTED, kx::CError("Stream does not support lockRange."));
+  EXPECT_EQ(fs.getProblem(), 6);
+  EXPECT_EQ(fs.getMessage(), "Stream does not support lockRange.");
 }
 
 TEST(ErrorTest, HandlerAddsAPropertyAndRethrows) {
@@ -39,7 +35,6 @@ TEST(ErrorTest, HandlerAddsAPropertyAndRethrows) {
     }
   } catch (const kx::CIOError& e) {
     EXPECT_EQ(e.getCode(), 5);
-    EXPECT_EQ(e.getProps().get("uri"), "file:///x");
     EXPECT_STREQ(e.what(), "Broken (uri: file:///x)");
     return;
   }
@@ -50,44 +45,28 @@ TEST(ErrorTest, InnerErrorKeepsItsDynamicType) {
   kx::CIOError inner(kx::IOERR_READ_PAST_END, "Short read");
   kx::CError outer("Outer", "", -1, kx::CProps(), &inner);
   ASSERT_NE(outer.getInner(), nullptr);
-  EXPECT_NE(dynamic_cast<const kx::CIOError*>(outer.getInner()), nullptr);
   EXPECT_EQ(outer.getInner()->getCode(), 4);
   EXPECT_NE(std::string(outer.what()).find("Short read"), std::string::npos);
   try {
     outer.getInner()->rethrowCopy();
   } catch (const kx::CIOError& e) {
     EXPECT_EQ(e.getMessage(), "Short read");
+    return;
   }
+  FAIL() << "not rethrown as CIOError";
 }
 
-TEST(ErrorTest, FamilyMembersCarryTheirOwnFields) {
-  kx::CFileSystemError fs(kx::FSPROB_NOT_SUPPORTED, kx::CError("VMDK Disk I/O stream does not support lockRange."));
-  EXPECT_EQ(fs.getProblem(), 6);
-  EXPECT_EQ(fs.getMessage(), "VMDK Disk I/O stream does not support lockRange.");
-  EXPECT_EQ(fs.getCode(), -1);
-  kx::CBadPathError bad("C:\\..\\x");
-  EXPECT_EQ(bad.getMessage(), "Invalid path: C:\\..\\x");
-  const std::exception& asStd = bad;
-  EXPECT_STREQ(asStd.what(), "Invalid path: C:\\..\\x");
-}
-
-TEST(LogTest, SinkReceivesLevelsTextAndErrors) {
-  test::CLogCapture capture;
-  kx::logInfo("hello");
-  kx::logWarning("careful");
-  kx::CError error("bad thing");
-  kx::logError(error, "about to fail", "ctx");
-  kx::onExceptionInDestructorIgnored("zarn::CVMDKGrain", error);
-  ASSERT_EQ(capture.lines.size(), 4u);
-  EXPECT_EQ(capture.lines[0].level, kx::LogLevel::Info);
-  EXPECT_EQ(capture.lines[1].text, "careful");
-  EXPECT_EQ(capture.lines[2].level, kx::LogLevel::Error);
-  EXPECT_EQ(capture.lines[2].text, "ctx: about to fail");
-  EXPECT_EQ(capture.lines[2].errorText, "bad thing");
-  EXPECT_NE(capture.lines[3].text.find("zarn::CVMDKGrain"), std::string::npos);
-}
-
-TEST(LogTest, ThrowingSinkNeverReachesTheCaller) {
+TEST(LogTest, SinkGetsLevelsAndContextAndMayNotThrow) {
+  {
+    test::CLogCapture capture;
+    kx::logInfo("hello");
+    kx::logError(kx::CError("bad thing"), "about to fail", "ctx");
+    ASSERT_EQ(capture.lines.size(), 2u);
+    EXPECT_EQ(capture.lines[0].level, kx::LogLevel::Info);
+    EXPECT_EQ(capture.lines[1].level, kx::LogLevel::Error);
+    EXPECT_EQ(capture.lines[1].text, "ctx: about to fail");
+    EXPECT_EQ(capture.lines[1].errorText, "bad thing");
+  }
   auto previous = kx::setLogSink([](kx::LogLevel, const kx::String&, const std::exception*) {
     throw std::runtime_error("sink broke");
   });

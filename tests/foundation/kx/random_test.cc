@@ -19,9 +19,7 @@ TEST(RandomTest, DrawsDifferAndCoverAllBits) {
   EXPECT_GT(seen.size(), 250u);
   EXPECT_EQ(orBits, ~0u);
   EXPECT_EQ(andBits, 0u);
-}
 
-TEST(RandomTest, RandDataFillsLargeBuffers) {
   std::vector<unsigned char> a(1 << 20), b(1 << 20);
   kx::CMTRand::getGlobal().randData(a.data(), a.size());
   kx::CMTRand::getGlobal().randData(b.data(), b.size());
