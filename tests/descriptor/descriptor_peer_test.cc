@@ -23,16 +23,13 @@ namespace {
 using zarn::CVMDKDescriptorAccessor;
 
 constexpr const char* kQemuImg = "/usr/bin/qemu-img";
-// 4 MiB in sectors.
-constexpr int64_t kDiskSectors = 8192;
+constexpr int64_t kDiskBytes = 4 << 20;
 
 struct QemuLayout {
   const char* createType;
   const char* options;
   bool embedded;
-  const char* extentType;
-  const char* extentFile;
-  int64_t extentOffset;
+  const char* extent;
 };
 
 // The content ID that qemu-img reports for the disk, or -1 when it refuses the
@@ -57,9 +54,10 @@ kx::P<CVMDKDescriptorAccessor> openAccessor(kx::IFileSystem& fs, const kx::CURI&
 TEST(DescriptorPeerTest, QemuImgDescriptorsLoadAndStoreBack) {
   if (!test::hasPeerTool(kQemuImg)) GTEST_SKIP() << "qemu-utils not installed";
   const QemuLayout layouts[] = {
-      {"monolithicSparse", "", true, "SPARSE", "disk.vmdk", -1},
-      {"monolithicFlat", "-o subformat=monolithicFlat", false, "FLAT", "disk-flat.vmdk", 0},
-      {"twoGbMaxExtentSparse", "-o subformat=twoGbMaxExtentSparse", false, "SPARSE", "disk-s001.vmdk", -1},
+      {"monolithicSparse", "", true, "RW 8192 SPARSE \"disk.vmdk\""},
+      {"monolithicFlat", "-o subformat=monolithicFlat", false, "RW 8192 FLAT \"disk-flat.vmdk\" 0"},
+      {"twoGbMaxExtentSparse", "-o subformat=twoGbMaxExtentSparse", false,
+       "RW 8192 SPARSE \"disk-s001.vmdk\""},
   };
   kx::P<kx::CLocalFileSystem> fs = kx::create<kx::CLocalFileSystem>();
   for (const QemuLayout& layout : layouts) {
@@ -80,20 +78,12 @@ TEST(DescriptorPeerTest, QemuImgDescriptorsLoadAndStoreBack) {
       kx::P<CVMDKDescriptorAccessor> accessor = openAccessor(*fs, uri);
       EXPECT_EQ(accessor->getEmbeddedInSparseExtentFile(), layout.embedded);
       kx::P<zarn::CVMDKDescriptor> descriptor = accessor->getDescriptor();
-      EXPECT_EQ(descriptor->getVersion(), 1);
       EXPECT_EQ(descriptor->getContentID(), static_cast<uint32_t>(createdContentID));
-      EXPECT_EQ(descriptor->getParentContentID(), 0xFFFFFFFFu);
       EXPECT_EQ(descriptor->getCreateType(), layout.createType);
-      EXPECT_GT(descriptor->getGeometryHeads(), 0);
-      EXPECT_GT(descriptor->getGeometrySectors(), 0);
       kx::TArray<kx::P<zarn::CVMDKExtentInfo>> extents;
       descriptor->getExtentEntries(extents);
       ASSERT_EQ(extents.size(), 1u);
-      EXPECT_EQ(extents[0]->getAccess(), "RW");
-      EXPECT_EQ(extents[0]->getSizeSectors(), kDiskSectors);
-      EXPECT_EQ(extents[0]->getType(), layout.extentType);
-      EXPECT_EQ(extents[0]->getFilename(), layout.extentFile);
-      EXPECT_EQ(extents[0]->getOffset(), layout.extentOffset);
+      EXPECT_EQ(extents[0]->toString(), layout.extent);
 
       if (!layout.embedded) {
         // qemu-img sizes a descriptor file to its text, and the file never
@@ -101,24 +91,13 @@ TEST(DescriptorPeerTest, QemuImgDescriptorsLoadAndStoreBack) {
         // has no room, and the file must come through untouched.
         const std::vector<unsigned char> before = test::readFileBytes(*fs, uri);
         accessor->changeContentID();
-        try {
-          accessor->storeDescriptor(true);
-          ADD_FAILURE() << "a longer text was stored into a full descriptor file";
-        } catch (const kx::CError& error) {
-          EXPECT_EQ(error.getCode(), -1);
-          EXPECT_EQ(error.getMessage().toUTF8().rfind(
-                        "Internal error: actual VMDK descriptor size exceeds target size", 0),
-                    0u);
-        }
+        EXPECT_THROW(accessor->storeDescriptor(true), kx::CError);
         EXPECT_EQ(test::readFileBytes(*fs, uri), before);
       }
     }
-    if (!layout.embedded) {
-      EXPECT_EQ(qemuContentID(path, output), createdContentID) << output;
-      // Room behind the text, zero-filled as zarn leaves it in its own
-      // descriptor files.
-      std::filesystem::resize_file(path, std::filesystem::file_size(path) + 512);
-    }
+    // Room behind the text of a descriptor file, zero-filled as zarn leaves it
+    // in its own.
+    if (!layout.embedded) std::filesystem::resize_file(path, std::filesystem::file_size(path) + 512);
 
     const std::vector<unsigned char> before = test::readFileBytes(*fs, uri);
     uint32_t contentID = 0;
@@ -145,8 +124,7 @@ TEST(DescriptorPeerTest, QemuImgDescriptorsLoadAndStoreBack) {
     EXPECT_EQ(qemuContentID(path, output), static_cast<int64_t>(contentID)) << output;
     EXPECT_NE(output.find(std::string("\"create-type\": \"") + layout.createType + "\""), std::string::npos)
         << output;
-    EXPECT_NE(output.find(std::string("\"virtual-size\": ") + std::to_string(kDiskSectors * 512)),
-              std::string::npos)
+    EXPECT_NE(output.find(std::string("\"virtual-size\": ") + std::to_string(kDiskBytes)), std::string::npos)
         << output;
   }
 }
