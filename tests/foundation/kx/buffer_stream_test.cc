@@ -10,6 +10,7 @@
 
 #include "kx/data_stream.h"
 #include "kx/error.h"
+#include "tests/support/io_error_code.h"
 
 namespace {
 
@@ -17,14 +18,7 @@ std::string contentOf(const kx::TBuffer<unsigned char>& buffer) {
   return std::string(reinterpret_cast<const char*>(buffer.getData()), buffer.getUsed());
 }
 
-int ioErrorCode(const std::function<void()>& op) {
-  try {
-    op();
-  } catch (const kx::CIOError& e) {
-    return e.getCode();
-  }
-  return 0;
-}
+using test::ioErrorCode;
 
 TEST(BufferStreamTest, WritesIntoTheSharedBuffer) {
   auto buffer = kx::create<kx::TBuffer<unsigned char>>();

@@ -12,6 +12,7 @@
 #include "kx/memory_file_system.h"
 #include "tests/support/counting_file_system.h"
 #include "tests/support/fault_injection_file_system.h"
+#include "tests/support/io_error_code.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/stream_wrapper.h"
 
@@ -43,14 +44,7 @@ Bytes pattern(size_t size, unsigned seed) {
   return v;
 }
 
-int ioErrorCode(const std::function<void()>& op) {
-  try {
-    op();
-  } catch (const kx::CIOError& e) {
-    return e.getCode();
-  }
-  return 0;
-}
+using test::ioErrorCode;
 
 // Streams run over a memory file through a counting and a failing layer.
 class OptimizingStreamTest : public ::testing::Test {
