@@ -4,7 +4,9 @@
 // so it is built without the sanitizers, which bring their own allocator.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <functional>

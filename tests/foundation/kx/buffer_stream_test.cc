@@ -10,7 +10,7 @@
 
 #include "kx/data_stream.h"
 #include "kx/error.h"
-#include "tests/support/io_error_code.h"
+#include "tests/support/caught_error.h"
 
 namespace {
 

@@ -16,6 +16,7 @@
 #include "kx/file_system_wrapper.h"
 #include "kx/local_file_system.h"
 #include "kx/memory_file_system.h"
+#include "tests/support/caught_error.h"
 #include "tests/support/counting_file_system.h"
 #include "tests/support/fault_injection_file_system.h"
 #include "tests/support/temp_dir.h"
@@ -47,21 +48,11 @@ std::string toText(const kx::TBuffer<unsigned char>& buffer) {
 // The error that `fn` throws; without one, an error whose code matches nothing.
 template <class Fn>
 kx::CFileSystemError fsError(Fn fn) {
-  try {
-    fn();
-  } catch (const kx::CFileSystemError& e) {
-    return e;
-  }
-  return kx::CFileSystemError(-1, kx::CError("no error"));
+  return test::caught(fn, kx::CFileSystemError(-1, kx::CError("no error")));
 }
 template <class Fn>
 kx::CIOError ioError(Fn fn) {
-  try {
-    fn();
-  } catch (const kx::CIOError& e) {
-    return e;
-  }
-  return kx::CIOError(-1, "no error");
+  return test::caught(fn, kx::CIOError(-1, "no error"));
 }
 
 struct Kind {

@@ -12,7 +12,7 @@
 #include "kx/memory_file_system.h"
 #include "tests/support/counting_file_system.h"
 #include "tests/support/fault_injection_file_system.h"
-#include "tests/support/io_error_code.h"
+#include "tests/support/caught_error.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/stream_wrapper.h"
 
