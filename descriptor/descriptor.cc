@@ -10,6 +10,7 @@
 #include "kx/log.h"
 #include "kx/parse.h"
 #include "kx/stream.h"
+#include "zarn/format_constants.h"
 
 namespace zarn {
 namespace {
@@ -32,9 +33,6 @@ const char kKeyEncryptionKeyDerivationSalt[] = "kxEncKeyDerivSalt";
 const char kKeyEncryptedEncryptionKey[] = "kxEncEncKey";
 const char kKeyEncryptionKeyHashAlgorithm[] = "kxEncKeyHashAlg";
 const char kKeyEncryptionKeyHash[] = "kxEncKeyHash";
-
-// "parentCID" of a disk without a parent.
-constexpr uint32_t kNoParentContentID = 0xFFFFFFFF;
 
 const char kDDBPrefix[] = "ddb.";
 

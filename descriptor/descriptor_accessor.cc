@@ -6,15 +6,11 @@
 #include "kx/error.h"
 #include "kx/log.h"
 #include "kx/random.h"
+#include "zarn/format_constants.h"
 #include "zarn/sparse_extent_header.h"
 
 namespace zarn {
 namespace {
-
-constexpr int64_t kSectorSizeBytes = 512;
-
-// "parentCID" of a disk without a parent; never drawn as a content ID.
-constexpr uint32_t kNoParentContentID = 0xFFFFFFFF;
 
 kx::CProps uriProps(kx::IIOStream& stream) { return kx::CProps().add("uri", stream.getURI().toString(true)); }
 

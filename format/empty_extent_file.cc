@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <limits>
 
-#include "format/sector.h"
+#include "zarn/format_constants.h"
 #include "kx/data_stream.h"
 #include "kx/error.h"
 #include "kx/log.h"

@@ -3,7 +3,7 @@
 #include "kx/data_stream.h"
 #include "kx/error.h"
 #include "kx/stream.h"
-#include "format/sector.h"
+#include "zarn/format_constants.h"
 
 namespace zarn {
 

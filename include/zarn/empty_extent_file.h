@@ -12,6 +12,7 @@
 #include "kx/buffer.h"
 #include "kx/file_system.h"
 #include "kx/uri.h"
+#include "zarn/format_constants.h"
 
 namespace kx {
 class CDataOutStream;
@@ -20,11 +21,6 @@ class CDataOutStream;
 namespace zarn {
 
 class CVMDKDescriptor;
-
-// Grain table and slot table geometry of new files.
-constexpr int kVMDKGrainTableEntryCount = 512;
-constexpr int kVMDKGrainTableSizeBytes = kVMDKGrainTableEntryCount * 4;  // 32-bit sector words
-constexpr int kVMDKSlotTableSizeBytes = kVMDKGrainTableEntryCount * 2;   // 16-bit slot sizes
 
 // Writes a complete new extent file of `grainCount` grains of
 // `grainSizeSectors` sectors at `uri`, plain or compressed, with `descriptor`

@@ -7,6 +7,7 @@
 #include <cstdint>
 
 #include "kx/buffer.h"
+#include "zarn/format_constants.h"
 
 namespace kx {
 class CDataOutStream;
@@ -26,7 +27,7 @@ enum VMDKMarkerID : uint32_t {
 
 // numSectors (8) + size (4) + type (4).
 constexpr int kVMDKMarkerFieldsSize = 16;
-constexpr int kVMDKMarkerPaddingSize = 512 - kVMDKMarkerFieldsSize;
+constexpr int kVMDKMarkerPaddingSize = kSectorSize - kVMDKMarkerFieldsSize;
 
 // Writes a marker at the stream's position. REQUIRES: `zeros` holds at least
 // 496 zero bytes (not checked). Raises what the stream raises.

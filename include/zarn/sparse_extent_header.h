@@ -11,6 +11,7 @@
 
 #include "kx/base.h"
 #include "kx/buffer.h"
+#include "zarn/format_constants.h"
 
 namespace kx {
 class CDataInStream;
@@ -38,7 +39,7 @@ class CVMDKSparseExtentHeader : public kx::CBase {
   static constexpr uint16_t kEncryptionAES256CBC = 1;
   static constexpr uint16_t kKeyHashSHA256 = 1;
 
-  static constexpr int kSectorSize = 512;
+  static constexpr int kSectorSize = zarn::kSectorSize;
   // Fields up to and including compressAlgorithm: 4+4+4+8*4+4+8*3+1+4+2.
   static constexpr int kCommonPartSize = 79;
   static constexpr int kPlainPaddingSize = kSectorSize - kCommonPartSize;  // 433

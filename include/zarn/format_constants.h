@@ -1,0 +1,42 @@
+// The numbers of the on-disk format, in one place, and the little-endian
+// packing of words in memory. The layouts are described in doc/format.md.
+#pragma once
+
+#include <cstdint>
+
+#include "kx/data_stream.h"
+
+namespace zarn {
+
+// Every offset in a sparse extent file counts these.
+constexpr int kSectorSize = 512;
+constexpr int64_t kSectorSizeBytes = kSectorSize;
+
+// "parentCID" of a disk without a parent; never drawn as a content ID.
+constexpr uint32_t kNoParentContentID = 0xFFFFFFFF;
+
+// A new extent's grain tables have 512 entries of 32-bit sector words (4
+// sectors); its slot tables 512 entries of 16-bit slot sizes (2 sectors).
+constexpr int kVMDKGrainTableEntryCount = 512;
+constexpr int kVMDKGrainTableSizeBytes = kVMDKGrainTableEntryCount * 4;
+constexpr int kVMDKSlotTableSizeBytes = kVMDKGrainTableEntryCount * 2;
+
+// Head of a stored compressed grain: lba (8) + compressed size (4).
+constexpr int kVMDKGrainHeaderSize = 8 + 4;
+
+// End of a compressed extent: footer marker + footer (a header copy) + end-of-stream marker.
+constexpr int kVMDKTrailSectors = 3;
+constexpr int kVMDKTrailSize = kVMDKTrailSectors * kSectorSize;  // 1536
+
+// Grain tables are loaded from the file this many at a time.
+constexpr int64_t kVMDKGrainTableBlockSize = 32;
+
+// Little-endian words in memory; the packing itself lives in kx.
+inline uint16_t readLE16(const unsigned char* p) { return static_cast<uint16_t>(kx::loadLittleEndian(p, 2)); }
+inline uint32_t readLE32(const unsigned char* p) { return static_cast<uint32_t>(kx::loadLittleEndian(p, 4)); }
+inline uint64_t readLE64(const unsigned char* p) { return kx::loadLittleEndian(p, 8); }
+inline void writeLE16(unsigned char* p, uint16_t value) { kx::storeLittleEndian(p, value, 2); }
+inline void writeLE32(unsigned char* p, uint32_t value) { kx::storeLittleEndian(p, value, 4); }
+inline void writeLE64(unsigned char* p, uint64_t value) { kx::storeLittleEndian(p, value, 8); }
+
+}  // namespace zarn
