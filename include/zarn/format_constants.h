@@ -28,6 +28,10 @@ constexpr int kVMDKGrainHeaderSize = 8 + 4;
 constexpr int kVMDKTrailSectors = 3;
 constexpr int kVMDKTrailSize = kVMDKTrailSectors * kSectorSize;  // 1536
 
+// The largest grain this library handles: 32 MiB. A grain and its worst-case
+// compressed form must fit the 32-bit sizes of reads, writes and compressors.
+constexpr int64_t kVMDKMaxGrainSizeSectors = 65536;
+
 // Grain tables are loaded from the file this many at a time.
 constexpr int64_t kVMDKGrainTableBlockSize = 32;
 
