@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstring>
+#include <functional>
 #include <vector>
 
 #include "brix/cipher.h"
@@ -31,6 +32,8 @@ struct GrainStackOptions {
   bool create = true;     // make a new extent file first
   bool buffered = true;   // through openVMDKFileStream, else the file system's own stream
   int32_t cacheLimit = 1024;
+  // Puts a wrapper between the grain store and the stream, or null.
+  std::function<kx::P<kx::IIOStream>(const kx::P<kx::IIOStream>&)> wrapStream;
 };
 
 class CGrainStack {
@@ -50,6 +53,7 @@ class CGrainStack {
       int flags = 0;
       stream = fs.openFile(uri, options.access, flags);
     }
+    if (options.wrapStream) stream = options.wrapStream(stream);
     kx::CDataInStream in(*stream);
     header.load(in);
     cache = kx::create<zarn::CVMDKGrainTableCache>(options.cacheLimit);
