@@ -67,6 +67,9 @@ CVMDKGrainTable::CVMDKGrainTable(kx::IIOStream* stream, kx::IIOStream::Access ac
 
 CVMDKGrainTable::~CVMDKGrainTable() {
   try {
+    // A table that leaves the cache may point at grains still buffered in the
+    // stream: they reach the file first, so the table never points at nothing.
+    if (hasUnflushedChanges()) stream_->flush();
     flushChangesToStream();
   } catch (const std::exception& error) {
     kx::onExceptionInDestructorIgnored("zarn::CVMDKGrainTable", error, true);

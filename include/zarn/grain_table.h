@@ -31,7 +31,9 @@ class CVMDKGrainTable : public kx::CBase {
   // raises. A failure leaves no object.
   CVMDKGrainTable(kx::IIOStream* stream, kx::IIOStream::Access access, int64_t grainSizeSectors,
                   int64_t posSectors, int64_t redundantPosSectors, int64_t slotTablePosSectors, int32_t entryCount);
-  // Writes what is dirty; a failure goes to kx::onExceptionInDestructorIgnored.
+  // Flushes the stream, then writes what is dirty, so the grains the table
+  // points at are in the file first; a failure goes to
+  // kx::onExceptionInDestructorIgnored.
   ~CVMDKGrainTable() override;
   CVMDKGrainTable(const CVMDKGrainTable&) = delete;
   CVMDKGrainTable& operator=(const CVMDKGrainTable&) = delete;

@@ -1,0 +1,392 @@
+#include "zarn/sparse_extent_file.h"
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+
+#include "brix/digest.h"
+#include "kx/buffer_stream.h"
+#include "kx/data_stream.h"
+#include "kx/error.h"
+#include "kx/log.h"
+#include "zarn/format_constants.h"
+#include "zarn/markers.h"
+
+namespace zarn {
+namespace {
+
+const char kConstructor[] = "CVMDKSparseExtentFile constructor";
+
+const char* boolText(bool value) { return value ? "true" : "false"; }
+
+}  // namespace
+
+CVMDKSparseExtentFile::CVMDKSparseExtentFile(kx::IIOStream* stream, kx::IIOStream::Access access,
+                                             int64_t startGrainIndex, int compressionLevel,
+                                             CVMDKGrainTableCache* cache, IVMDKDataProvider* provider,
+                                             CVMDKContentIDUpdater* contentIDUpdater, brix::ICipher* cipher,
+                                             const kx::TCryptBuffer<unsigned char>& key,
+                                             const kx::TBuffer<unsigned char>& baseIV)
+    : stream_(kx::P<kx::IIOStream>::share(stream)),
+      access_(access),
+      cache_(kx::P<CVMDKGrainTableCache>::share(cache)),
+      startGrainIndex_(startGrainIndex),
+      fallbackProvider_(kx::P<IVMDKDataProvider>::share(provider)),
+      contentIDUpdater_(kx::P<CVMDKContentIDUpdater>::share(contentIDUpdater)),
+      header_(kx::create<CVMDKSparseExtentHeader>()),
+      compressionLevel_(compressionLevel) {
+  if (!stream_ || !cache_) throw kx::CError("Internal error: CVMDKSparseExtentFile needs a stream and a cache.");
+  kx::CDataInStream in(*stream_);
+  header_->load(in);
+  cipher_ = kx::P<brix::ICipher>::share(cipher);
+  key_ = key;
+  baseIV_ = baseIV;
+
+  const bool encrypted = header_->getEncryptionExtensionEnabled() && header_->getEncryptionAlgorithm() != 0;
+  if (!encrypted && cipher_) {
+    throw kx::CInvalidArgError(kConstructor, "VMDK extent file is NOT encrypted but a cipher object was specified.",
+                               uriProps());
+  }
+  if (encrypted) {
+    if (!cipher_) {
+      throw kx::CInvalidArgError(kConstructor, "VMDK extent file is encrypted but no cipher object was specified.",
+                                 uriProps());
+    }
+    if (cipher_->getID() != "aes256cbc") {
+      throw kx::CInvalidArgError(kConstructor, "Cipher object has an unsupported ID: " + cipher_->getID(),
+                                 uriProps());
+    }
+    if (static_cast<int64_t>(key_.getUsed()) != cipher_->getKeyLength()) {
+      throw kx::CInvalidArgError(kConstructor, "Specified encryption key has an incorrect size for the cipher",
+                                 uriProps()
+                                     .add("expectedKeySize", cipher_->getKeyLength())
+                                     .add("keySize", static_cast<uint64_t>(key_.getUsed()))
+                                     .add("cipherID", cipher_->getID()));
+    }
+    if (header_->getEncryptionAlgorithm() != CVMDKSparseExtentHeader::kEncryptionAES256CBC) {
+      throw kx::CError(kx::String::Format("Unsupported encryption algorithm used by VMDK extent file: %u",
+                                          unsigned{header_->getEncryptionAlgorithm()}),
+                       "", -1, uriProps());
+    }
+    if (header_->getEncryptionKeyHashAlgorithm() != CVMDKSparseExtentHeader::kKeyHashSHA256) {
+      throw kx::CError(kx::String::Format("Unsupported key hash algorithm used in VMDK: %u",
+                                          unsigned{header_->getEncryptionKeyHashAlgorithm()}),
+                       "", -1, uriProps());
+    }
+    kx::P<brix::IDigest> digest = kx::create<brix::CDigestType_SHA256>()->createDigest();
+    digest->update(key_.getData(), static_cast<int>(key_.getUsed()));
+    digest->finish();
+    const kx::TBuffer<unsigned char>& stored = header_->getEncryptionKeyHash();
+    if (static_cast<int64_t>(stored.getUsed()) != digest->getLength() ||
+        std::memcmp(stored.getData(), digest->getData(), stored.getUsed()) != 0) {
+      throw kx::CError("Specified VMDK extent file encryption key is not correct.", "", -1, uriProps());
+    }
+  }
+  if (header_->getVersion() < 1 || header_->getVersion() > 3) {
+    throw kx::CIOError(kx::IOERR_UNSUPPORTED_VERSION,
+                       kx::String::Format("VMDK file has an unsupported version: %u", header_->getVersion()),
+                       uriProps());
+  }
+  compressed_ = (header_->getFlags() & CVMDKSparseExtentHeader::kFlagCompressedGrains) != 0;
+  const bool markers = (header_->getFlags() & CVMDKSparseExtentHeader::kFlagHasMarkers) != 0;
+  if (compressed_ != markers) {
+    throw kx::CIOError(kx::IOERR_DAMAGED_DATA,
+                       kx::String::Format("VMDK flags 'compressed' and 'metaMarkers' are different (compressed: %s, "
+                                          "metaMarkers: %s).",
+                                          boolText(compressed_), boolText(markers)),
+                       uriProps());
+  }
+  if (header_->getGrainDirectoryOffsetSectors() == std::numeric_limits<uint64_t>::max()) {
+    throw kx::CIOError(kx::IOERR_DAMAGED_DATA,
+                       "VMDK file uses an unsupported variant of the 'stream optimized' format.", uriProps());
+  }
+  checkGeometry();
+
+  grainDirectory_ = kx::create<CVMDKGrainDirectory>(
+      stream_.get(), access_, static_cast<int64_t>(header_->getGrainDirectoryOffsetSectors()),
+      static_cast<int64_t>(header_->getRedundantGrainDirectoryOffsetSectors()), capacitySectors_, grainSizeSectors_,
+      static_cast<int32_t>(header_->getGrainTableEntryCount()), compressed_, cache_.get());
+  grainAllocator_ = kx::create<CVMDKGrainAllocator>(stream_.get(), access_, grainSizeSectors_,
+                                                    compressed_ ? 1 : grainSizeSectors_, grainDirectory_.get(),
+                                                    makeTrail());
+  grain_ = kx::create<CVMDKGrain>(stream_.get(), access_, grainSizeSectors_, grainAllocator_.get(), compressed_,
+                                  compressionLevel_, fallbackProvider_.get(), cipher_.get(), key_, baseIV_);
+}
+
+CVMDKSparseExtentFile::~CVMDKSparseExtentFile() {
+  try {
+    flushChanges();
+  } catch (const std::exception& error) {
+    kx::onExceptionInDestructorIgnored("zarn::CVMDKSparseExtentFile", error, true);
+  }
+}
+
+kx::CProps CVMDKSparseExtentFile::uriProps() const {
+  return kx::CProps().add("uri", stream_->getURI().toString(true));
+}
+
+// Every size that opening allocates by must be justified by the file: a
+// damaged or hostile header is refused here, before memory is spent on it.
+void CVMDKSparseExtentFile::checkGeometry() {
+  const int64_t length = stream_->getLength();
+  const auto refuse = [&](const char* what, uint64_t value) {
+    throw kx::CIOError(kx::IOERR_DAMAGED_DATA,
+                       kx::String::Format("VMDK file has an invalid %s: %llu", what,
+                                          static_cast<unsigned long long>(value)),
+                       uriProps());
+  };
+  const uint64_t grainSize = header_->getGrainSizeSectors();
+  if (grainSize < 1 || grainSize > static_cast<uint64_t>(kVMDKMaxGrainSizeSectors)) refuse("grain size", grainSize);
+  const uint64_t entries = header_->getGrainTableEntryCount();
+  if (entries < 1 || entries > static_cast<uint64_t>(length) / 4) refuse("number of grain table entries", entries);
+  const uint64_t capacity = header_->getCapacitySectors();
+  if (capacity > static_cast<uint64_t>(std::numeric_limits<int64_t>::max()) / kSectorSizeBytes) {
+    refuse("capacity", capacity);
+  }
+  const uint64_t directory = header_->getGrainDirectoryOffsetSectors();
+  if (directory < 1 || directory > static_cast<uint64_t>(length) / kSectorSizeBytes) {
+    refuse("grain directory offset", directory);
+  }
+  const uint64_t redundant = header_->getRedundantGrainDirectoryOffsetSectors();
+  if (redundant > static_cast<uint64_t>(length) / kSectorSizeBytes) refuse("redundant grain directory offset", redundant);
+
+  capacitySectors_ = static_cast<int64_t>(capacity);
+  extentSizeBytes_ = capacitySectors_ * kSectorSizeBytes;
+  grainSizeSectors_ = static_cast<int64_t>(grainSize);
+  grainSizeBytes_ = grainSizeSectors_ * kSectorSizeBytes;
+}
+
+// The bytes that end a compressed file: footer marker, the header, end marker.
+kx::TBuffer<unsigned char> CVMDKSparseExtentFile::makeTrail() {
+  auto trail = kx::create<kx::TBuffer<unsigned char>>();
+  if (!compressed_) return *trail;
+  kx::TBuffer<unsigned char> zeros(kVMDKTrailSize);
+  auto stream = kx::create<kx::CBufferStream>(trail, 2.0);
+  kx::CDataOutStream out(*stream);
+  writeVMDKMarker(out, MARKER_FOOTER, 1, zeros);
+  header_->store(out);
+  writeVMDKMarker(out, MARKER_EOS, 0, zeros);
+  return *trail;
+}
+
+void CVMDKSparseExtentFile::verifyHaveWriteAccess() {
+  if (access_ != kx::IIOStream::ACCESS_READ_WRITE) {
+    throw kx::CError(
+        "Internal error: VMDK sparse extent file is about to be changed, but it was not opened for writing.", "", -1,
+        uriProps());
+  }
+}
+
+void CVMDKSparseExtentFile::onAboutToChange() {
+  if (!contentIDUpdater_) {
+    throw kx::CError(
+        "Internal error: VMDK sparse extent file is about to be changed, but it does not have a content ID updater.",
+        "", -1, uriProps());
+  }
+  verifyHaveWriteAccess();
+  contentIDUpdater_->onDiskAboutToChange(*this);
+}
+
+void CVMDKSparseExtentFile::setFallbackDataProvider(IVMDKDataProvider* provider) {
+  fallbackProvider_ = kx::P<IVMDKDataProvider>::share(provider);
+  grain_->setFallbackDataProvider(provider);
+}
+
+void CVMDKSparseExtentFile::seek(int64_t position) {
+  if (position < 0 || position > extentSizeBytes_) {
+    throw kx::CInvalidArgError("CVMDKSparseExtentFile::seek",
+                               kx::String::Format("Invalid position: %lld", static_cast<long long>(position)),
+                               uriProps());
+  }
+  if (position == extentSizeBytes_) {
+    // The end holds no grain: nothing to open until the position moves back.
+    position_ = position;
+    return;
+  }
+  const int64_t index = position / grainSizeBytes_;
+  if (index != currentGrainIndex_ || !grain_->isOpen()) {
+    int64_t posSectors = 0, slotSizeSectors = 0;
+    grainDirectory_->getGrainInfo(index, posSectors, slotSizeSectors);
+    // A slot inside the head would be written over the file's own metadata.
+    if (posSectors > 0 && static_cast<uint64_t>(posSectors) < header_->getOverheadSectors()) {
+      throw kx::CIOError(kx::IOERR_DAMAGED_DATA, "VMDK grain table entry points into the file's metadata.",
+                         uriProps().add("grainIndex", index).add("posSectors", posSectors));
+    }
+    grain_->open(index, startGrainIndex_ + index, posSectors, slotSizeSectors);
+    currentGrainIndex_ = index;
+  }
+  grain_->seek(position % grainSizeBytes_);
+  position_ = position;
+}
+
+int64_t CVMDKSparseExtentFile::beginIOOp(int64_t size) {
+  int64_t left = grain_->getBytesLeft();
+  if (left == 0) {
+    seek(position_);
+    left = grain_->getBytesLeft();
+    if (left == 0) {
+      throw kx::CError(kx::String::Format("Internal error. After seeking to grain at position %lld there are still "
+                                          "no bytes left in the grain.",
+                                          static_cast<long long>(position_)),
+                       "", -1, uriProps());
+    }
+  }
+  return std::min(size, left);
+}
+
+void CVMDKSparseExtentFile::read(void* data, int size) {
+  if (size < 0) {
+    throw kx::CInvalidArgError("CVMDKSparseExtentFile::read",
+                               kx::String::Format("Invalid number of bytes to read: %d", size), uriProps());
+  }
+  if (position_ + size > extentSizeBytes_) {
+    throw kx::CIOError(kx::IOERR_READ_PAST_END, "Unexpected end of data reading from VMDK sparse extent file.",
+                       uriProps().add("position", position_).add("bytesToRead", size));
+  }
+  auto* out = static_cast<unsigned char*>(data);
+  while (size > 0) {
+    const auto n = static_cast<int>(beginIOOp(size));
+    grain_->read(out, n);
+    out += n;
+    size -= n;
+    position_ += n;
+  }
+}
+
+void CVMDKSparseExtentFile::write(const void* data, int size) {
+  if (size < 0) {
+    throw kx::CInvalidArgError("CVMDKSparseExtentFile::write",
+                               kx::String::Format("Invalid number of bytes to write: %d", size), uriProps());
+  }
+  if (position_ + size > extentSizeBytes_) {
+    throw kx::CIOError(kx::IOERR_BEYOND_TARGET, "Write exceeded VMDK extent size.",
+                       uriProps().add("position", position_).add("bytesToWrite", size));
+  }
+  onAboutToChange();
+  const auto* in = static_cast<const unsigned char*>(data);
+  while (size > 0) {
+    const auto n = static_cast<int>(beginIOOp(size));
+    grain_->write(in, n);
+    in += n;
+    size -= n;
+    position_ += n;
+  }
+}
+
+void CVMDKSparseExtentFile::readPreparedGrainData(kx::TBuffer<unsigned char>& data) {
+  if (position_ + grainSizeBytes_ > extentSizeBytes_) {
+    throw kx::CIOError(
+        kx::IOERR_BEYOND_TARGET, "Prepared grain read exceeds VMDK extent size.",
+        uriProps().add("position", position_).add("grainSize", grainSizeBytes_).add("extentSize", extentSizeBytes_));
+  }
+  if (position_ % grainSizeBytes_ != 0) {
+    throw kx::CIOError(kx::IOERR_NOT_ON_GRAIN_BOUNDARY,
+                       "Prepared grain read in VMDK extent file can only be done on a grain boundary.",
+                       uriProps().add("position", position_).add("grainSize", grainSizeBytes_));
+  }
+  const int64_t n = beginIOOp(grainSizeBytes_);
+  if (n != grainSizeBytes_) {
+    throw kx::CError(
+        "Internal error: CVMDKSparseExtentFile::beginIOOp in CVMDKSparseExtentFile::tryReadPreparedGrainData "
+        "returned less than the grain size.",
+        "", -1,
+        uriProps()
+            .add("position", position_)
+            .add("grainSize", grainSizeBytes_)
+            .add("toWrite", n)
+            .add("extentSize", extentSizeBytes_));
+  }
+  grain_->readPreparedGrainData(data);
+  position_ += n;
+}
+
+void CVMDKSparseExtentFile::writePreparedGrainData(const kx::TBuffer<unsigned char>& data) {
+  if (position_ + grainSizeBytes_ > extentSizeBytes_) {
+    throw kx::CIOError(
+        kx::IOERR_BEYOND_TARGET, "Prepared grain write exceeds VMDK extent size.",
+        uriProps().add("position", position_).add("grainSize", grainSizeBytes_).add("extentSize", extentSizeBytes_));
+  }
+  if (position_ % grainSizeBytes_ != 0) {
+    throw kx::CIOError(kx::IOERR_NOT_ON_GRAIN_BOUNDARY,
+                       "Prepared grain write in VMDK extent file can only be done on a grain boundary.",
+                       uriProps().add("position", position_).add("grainSize", grainSizeBytes_));
+  }
+  onAboutToChange();
+  const int64_t n = beginIOOp(grainSizeBytes_);
+  if (n != grainSizeBytes_) {
+    throw kx::CError(
+        "Internal error: CVMDKSparseExtentFile::beginIOOp in CVMDKSparseExtentFile::writePreparedGrainData returned "
+        "less than the grain size.",
+        "", -1,
+        uriProps()
+            .add("position", position_)
+            .add("grainSize", grainSizeBytes_)
+            .add("toWrite", n)
+            .add("extentSize", extentSizeBytes_));
+  }
+  grain_->writePreparedGrainData(data);
+  position_ += n;
+}
+
+int64_t CVMDKSparseExtentFile::makeGrainIndependentOfParent(int64_t grainIndex) {
+  verifyHaveWriteAccess();
+  seek(grainIndex * grainSizeBytes_);
+  const int64_t result = grain_->makeIndependentOfParent();
+  position_ += grainSizeBytes_;
+  return result;
+}
+
+bool CVMDKSparseExtentFile::isGrainWritten() {
+  beginIOOp(1);
+  return grain_->isGrainWritten();
+}
+
+bool CVMDKSparseExtentFile::isGrainWrittenAndIndependentOfParent() {
+  beginIOOp(1);
+  return grain_->isGrainWrittenAndIndependentOfParent();
+}
+
+kx::P<CVMDKDataPreparer> CVMDKSparseExtentFile::createDataPreparer() {
+  return kx::create<CVMDKDataPreparer>(grainSizeSectors_, compressed_, compressionLevel_);
+}
+
+void CVMDKSparseExtentFile::flushChanges() {
+  if (access_ == kx::IIOStream::ACCESS_READ) return;
+  // Data and trail reach the file before any table points at them.
+  if (grain_->isOpen()) grain_->flushChangesToStream();
+  grainAllocator_->flushChangesToStream();
+  stream_->flush();
+  grainDirectory_->flushChangesToStream();
+  stream_->flush();
+}
+
+kx::P<CVMDKSpaceInfo> CVMDKSparseExtentFile::gatherSpaceInfo() {
+  flushChanges();
+  const int64_t grains = CVMDKGrainDirectory::calcExtentGrainCount(capacitySectors_, grainSizeSectors_);
+  int64_t payload = 0, payloadInFile = 0;
+  for (int64_t index = 0; index < grains; ++index) {
+    int64_t posSectors = 0, slotSizeSectors = 0;
+    grainDirectory_->getGrainInfo(index, posSectors, slotSizeSectors);
+    if (posSectors <= 0) continue;
+    payload += grainSizeBytes_;
+    payloadInFile += compressed_ ? slotSizeSectors * kSectorSizeBytes : grainSizeBytes_;
+  }
+  const int64_t headerSize = static_cast<int64_t>(header_->getOverheadSectors()) * kSectorSizeBytes;
+  int64_t deadSpace = stream_->getLength() - headerSize - payloadInFile;
+  if (deadSpace < 0) {
+    kx::logWarning("Calculated negative dead space value for VMDK extent file '" + stream_->getURI().toString(true) +
+                   kx::String::Format("' (deadSpace: %lld, headerSize: %lld, payloadSize: %lld, payloadSizeInFile: "
+                                      "%lld)",
+                                      static_cast<long long>(deadSpace), static_cast<long long>(headerSize),
+                                      static_cast<long long>(payload), static_cast<long long>(payloadInFile)));
+    deadSpace = 0;
+  }
+  auto info = kx::create<CVMDKSpaceInfo>();
+  info->setPayloadSize(payload);
+  info->setPayloadSizeInFile(payloadInFile);
+  info->setHeaderSize(headerSize);
+  info->setDeadSpaceSize(deadSpace);
+  return info;
+}
+
+}  // namespace zarn
