@@ -82,3 +82,182 @@ TEST_F(DiskTest, EveryLayoutReadsBackWhatWasWritten) {
 }
 
 }  // namespace
+
+namespace {
+
+int64_t extentSectors(const zarn::CVMDKDisk& disk, std::vector<std::string>* names = nullptr) {
+  kx::TArray<kx::P<zarn::CVMDKExtentInfo>> extents;
+  disk.getDescriptor()->getExtentEntries(extents);
+  int64_t total = 0;
+  for (const auto& e : extents) {
+    if (names) names->push_back(e->getFilename().toUTF8());
+    total += e->getSizeSectors();
+  }
+  return total;
+}
+
+TEST_F(DiskTest, CreationSizesFilesByTheLimit) {
+  EXPECT_EQ(zarn::CVMDKDisk::getVirtualDiskSizeBytesFromMinSizeBytes(1), 8388608);
+  EXPECT_EQ(zarn::CVMDKDisk::getVirtualDiskSizeBytesFromMinSizeBytes(0x800001), 0x810000);
+  const int64_t tenGiB = int64_t{10} << 30;
+  struct Case {
+    bool compressed;
+    int64_t limit;
+    const char* createType;
+    size_t extents;
+    int64_t firstGrains, lastGrains;
+  } cases[] = {
+      {false, 0x80000000, "twoGbMaxExtentSparse", 6, 32762, 30},
+      {true, 0x80000000, "streamOptimized", 11, 16222, 163840 - 10 * 16222},
+      {false, -1, "monolithicSparse", 1, 163840, 163840},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.createType);
+    for (const kx::CURI& file : fs_->listFiles()) fs_->deleteFile(file, true);
+    auto disk = zarn::CVMDKDisk::create(fs_.get(), uri_, tenGiB, "", c.compressed, -1, c.limit, "", 0xFFFFFFFF, false);
+    std::vector<std::string> names;
+    EXPECT_EQ(extentSectors(*disk, &names) * 512, tenGiB);
+    ASSERT_EQ(names.size(), c.extents);
+    EXPECT_EQ(disk->getDescriptor()->getCreateType(), c.createType);
+    EXPECT_EQ(names[0], c.createType[0] == 't' ? "disk-s00000.vmdk" : "disk.vmdk");
+    EXPECT_EQ(names.back(), c.extents == 1 ? "disk.vmdk" : kx::String::Format("disk-s%05d.vmdk", int(c.extents - 1)).ToStdString());
+    for (size_t i = 0; i < names.size(); ++i) {
+      const Bytes head = test::readFileBytes(*fs_, kx::CURI(kx::String("file:///vms/") + names[i]));
+      EXPECT_EQ(test::le64(head, 12), uint64_t(i + 1 == names.size() ? c.lastGrains : c.firstGrains) * 128) << names[i];
+    }
+    const size_t descriptorFiles = c.createType[0] == 't' ? 1 : 0, lockFiles = 1;
+    EXPECT_EQ(fs_->listFiles().size(), c.extents + descriptorFiles + lockFiles);
+    if (c.limit == -1) {
+      EXPECT_EQ(test::le64(test::readFileBytes(*fs_, uri_), 36), 65u);  // descriptor sectors
+    }
+  }
+  auto small = zarn::CVMDKDisk::create(fs_.get(), uri_, 1, "", false, -1, 0x80000000, "", 0xFFFFFFFF, false);
+  EXPECT_EQ(small->getDescriptor()->getGeometryCylinders(), 2);
+  EXPECT_TRUE(fs_->fileExists(kx::CURI(kx::String("file:///vms/disk-s00000.vmdk"))));
+}
+
+TEST_F(DiskTest, CreationRefusesBeforeTouchingAFile) {
+  struct Case {
+    int64_t size;
+    bool compressed;
+    int64_t limit;
+    const char* parent;
+    uint32_t parentCID;
+    const char* message;
+  } cases[] = {
+      {1, false, -1, "base.vmdk", 0xFFFFFFFF,
+       "sParentRelPath and parentContentID must either both be specified or both have the default values."},
+      {1, false, -1, "", 5, "sParentRelPath and parentContentID must either both be specified or both have the default values."},
+      {(int64_t{2} << 40) + 1, false, -1, "", 0xFFFFFFFF,
+       "Invalid VMDK disk size for single unsplittable disk file: 2199023321088 bytes."},
+      {1, true, 1 << 20, "", 0xFFFFFFFF, "Internal error: calculated VMDK maxExtentPayloadBytes is less than grain size: -1446913"},
+      {int64_t{3} << 30, false, 131073, "", 0xFFFFFFFF,
+       "Internal error: calculated VMDK descriptor size exceeds estimated worst case descriptor size (calculated: "
+       "2834944, worstCase: 1900544)"},
+  };
+  for (const Case& c : cases) {
+    const kx::CError error = test::caught(
+        [&] { zarn::CVMDKDisk::create(fs_.get(), uri_, c.size, "", c.compressed, -1, c.limit, c.parent, c.parentCID, false); },
+        kx::CError("none"));
+    EXPECT_EQ(error.getMessage().ToStdString(), c.message);
+    EXPECT_TRUE(fs_->listFiles().empty());
+  }
+}
+
+TEST_F(DiskTest, OnDemandDisksMakeLaterExtentFilesAtTheirFirstWrite) {
+  const kx::CURI stale(kx::String("file:///vms/disk-s00003.vmdk"));
+  test::writeFileBytes(*fs_, stale, Bytes(10, 1));
+  auto disk = zarn::CVMDKDisk::create(fs_.get(), uri_, 24 * kMiB, "", false, -1, 4 * kMiB, "", 0xFFFFFFFF, true);
+  EXPECT_EQ(fs_->listFiles().size(), 3u);  // descriptor, first extent, lock
+  Bytes out(kMiB);
+  disk->seek(10 * kMiB);
+  disk->read(out.data(), kMiB);
+  EXPECT_EQ(out, Bytes(kMiB, 0));
+  EXPECT_EQ(fs_->listFiles().size(), 3u) << "reading makes nothing";
+  disk->seek(13 * kMiB);
+  disk->write("x", 1);
+  EXPECT_EQ(fs_->listFiles().size(), 4u);
+  EXPECT_TRUE(fs_->fileExists(stale));  // 13 MiB lies in extent 3
+  disk = nullptr;
+  disk = open(kx::IIOStream::ACCESS_READ);
+  disk->seek(13 * kMiB);
+  disk->read(out.data(), 2);
+  EXPECT_EQ(out[0], 'x');
+}
+
+TEST_F(DiskTest, OpeningAndIOErrorsCarryTheirCodesAndMessages) {
+  const auto rewrite = [&](const std::string& from, const std::string& to) {
+    Bytes bytes = test::readFileBytes(*fs_, uri_);
+    std::string text(bytes.begin(), bytes.end());
+    text.replace(text.find(from), from.size(), to);
+    test::writeFileBytes(*fs_, uri_, Bytes(text.begin(), text.end()));
+  };
+  create({"", false, 4 * kMiB, "secret", 0});
+  struct OpenCase {
+    const char* password;
+    std::function<void()> change;
+    const char* message;
+  } opening[] = {
+      {"", nullptr, "VMDK is encrypted but no password provided"},
+      {"wrong", nullptr, "Specified VMDK encryption password is not correct."},
+      {"secret", [&] { rewrite("twoGbMaxExtentSparse", "vmfs"); }, "VMDK disk has an unsupported create type: 'vmfs'."},
+      {"secret", [&] { rewrite("SPARSE \"disk-s00002", "FLAT \"disk-s00002"); }, "VMDK disk has an unsupported extent type: 'FLAT'."},
+      {"secret", [&] { for (int i = 0; i < 7; ++i) rewrite("\nRW ", "\n#W "); }, "VMDK disk has no extents."},
+  };
+  const Bytes original = test::readFileBytes(*fs_, uri_);
+  for (const auto& c : opening) {
+    test::writeFileBytes(*fs_, uri_, original);
+    if (c.change) c.change();
+    const kx::CError error = test::caught([&] { open(kx::IIOStream::ACCESS_READ_WRITE, c.password); }, kx::CError("none"));
+    EXPECT_EQ(error.getMessage(), c.message);
+    EXPECT_EQ(error.getProps().get("uri"), "file:///vms/disk.vmdk") << c.message;
+  }
+  test::writeFileBytes(*fs_, uri_, original);
+  open(kx::IIOStream::ACCESS_READ_WRITE, "secret");  // no lock was left behind
+
+  auto disk = open(kx::IIOStream::ACCESS_READ, "secret");
+  kx::TBuffer<unsigned char> prepared;
+  Bytes buffer(2);
+  const int64_t end = disk->getSizeBytes();
+  struct IOCase {
+    int64_t at;
+    std::function<void()> op;
+    int code;
+    const char* message;
+  } io[] = {
+      {end, [&] { disk->read(buffer.data(), 1); }, 4, "Read exceeds VMDK disk size."},
+      {end, [&] { disk->write(buffer.data(), 1); }, 3, "Write exceeds VMDK disk size."},
+      {0, [&] { disk->write(buffer.data(), 0); }, -1,
+       "Internal error: CVMDKDisk::write was called, but the disk was not opened for writing."},
+      {0, [&] { disk->seek(end + 1); }, 7, "Bad seek position in VMDK disk: 25165825"},
+      {end - 100, [&] { disk->readPreparedGrainData(prepared); }, 3, "Prepared grain read exceeds VMDK disk size."},
+      {100, [&] { disk->readPreparedGrainData(prepared); }, 11,
+       "Prepared grain read in VMDK disk can only be done on a grain boundary."},
+      {end, [&] { disk->isGrainWritten(); }, -1, "Internal error: cannot find VMDK extent for position 25165824"},
+      {0, [&] { disk->changeParentRelPath("x.vmdk"); }, -1,
+       "Internal error: CVMDKDisk::changeParentRelPath was called, but the disk was not opened for writing."},
+  };
+  for (const auto& c : io) {
+    disk->seek(c.at);
+    const kx::CError error = test::caught(c.op, kx::CError("none", "", 0));
+    EXPECT_EQ(error.getCode(), c.code) << c.message;
+    EXPECT_EQ(error.getMessage(), c.message);
+    EXPECT_EQ(disk->getPosition(), c.at) << c.message;
+  }
+}
+
+TEST_F(DiskTest, AReaderNeedsNoLockFileButAWriterDoes) {
+  create(kLayouts[0]);
+  auto faulty = kx::create<test::CFaultInjectionFileSystem>(fs_);
+  faulty->failNth(test::FileOp::Open, 1);  // the lock file's
+  EXPECT_NO_THROW(kx::create<zarn::CVMDKDisk>(faulty.get(), uri_, kx::IIOStream::ACCESS_READ, ""));
+  faulty->failNth(test::FileOp::Open, 1);
+  EXPECT_THROW(kx::create<zarn::CVMDKDisk>(faulty.get(), uri_, kx::IIOStream::ACCESS_READ_WRITE, ""), kx::CError);
+  auto writer = open(kx::IIOStream::ACCESS_READ_WRITE);
+  EXPECT_THROW(open(kx::IIOStream::ACCESS_READ_WRITE), kx::CLockFileError);
+  EXPECT_THROW(open(kx::IIOStream::ACCESS_READ), kx::CLockFileError);
+  writer = nullptr;
+  EXPECT_NO_THROW(open(kx::IIOStream::ACCESS_READ_WRITE));
+}
+
+}  // namespace
