@@ -51,13 +51,18 @@ CVMDKParentDiskDataProvider::~CVMDKParentDiskDataProvider() = default;
 void CVMDKParentDiskDataProvider::ensureParentDiskOpen() {
   if (parentDisk_) return;
   try {
+    // A disk moved from another machine keeps an absolute parent path that
+    // means nothing here; a parent of that name beside the child is the one.
+    if (!fileSystem_->fileExists(parentDiskMainFileURI_)) {
+      const kx::CURI beside = childMainFileURI_.getParent() << parentDiskMainFileURI_.getName();
+      if (fileSystem_->fileExists(beside)) parentDiskMainFileURI_ = beside.toNormalized();
+    }
     const auto& chain = t_activeChain;
-    if (parentDiskMainFileURI_ == childMainFileURI_ ||
-        std::find(chain.begin(), chain.end(), parentDiskMainFileURI_) != chain.end()) {
+    if (std::find(chain.begin(), chain.end(), parentDiskMainFileURI_) != chain.end()) {
       throw kx::CIOError(kx::IOERR_DAMAGED_DATA, "VMDK parent chain leads back to a disk already in it.",
                          kx::CProps().add("parentURI", parentDiskMainFileURI_.toString(true)));
     }
-    if (chain.size() >= static_cast<size_t>(kMaxChainDepth)) {
+    if (chain.size() > static_cast<size_t>(kMaxChainDepth)) {
       throw kx::CIOError(kx::IOERR_DAMAGED_DATA, "VMDK parent chain is too deep.",
                          kx::CProps()
                              .add("parentURI", parentDiskMainFileURI_.toString(true))
