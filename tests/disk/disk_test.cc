@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "kx/memory_file_system.h"
+#include "kx/parse.h"
 #include "tests/support/caught_error.h"
 #include "tests/support/fault_injection_file_system.h"
 #include "tests/support/file_bytes.h"
@@ -258,6 +259,48 @@ TEST_F(DiskTest, AReaderNeedsNoLockFileButAWriterDoes) {
   EXPECT_THROW(open(kx::IIOStream::ACCESS_READ), kx::CLockFileError);
   writer = nullptr;
   EXPECT_NO_THROW(open(kx::IIOStream::ACCESS_READ_WRITE));
+}
+
+}  // namespace
+
+namespace {
+
+TEST(DiskKeysTest, DerivationIsPBKDF2OfTheUTF8Password) {
+  kx::TBuffer<unsigned char> salt;
+  salt.assign(reinterpret_cast<const unsigned char*>("0123456789abcdef"), 16);
+  kx::TCryptBuffer<unsigned char> key;
+  zarn::CVMDKDisk::deriveEncryptKey(key, 32, kx::String::FromUTF8("p\xC3\xA4ssw\xC3\xB6rd"),
+                                    "pkcs5-pbkdf2-hmac-sha1:1000", salt);
+  EXPECT_EQ(kx::hexEncode(key), "1c1d6e227f508278d9e0fba0a9637ff3c6c61db0dcaec96e3ac87a1b0faabe47");
+
+  kx::TBuffer<unsigned char> shortSalt(7);
+  const struct {
+    const char* algorithm;
+    const kx::TBuffer<unsigned char>* salt;
+    const char* message;
+  } cases[] = {
+      {"pkcs5-pbkdf2-hmac-sha256:1000", &salt, "Unknown encryption key derivation algorithm: pkcs5-pbkdf2-hmac-sha256:1000"},
+      {"pkcs5-pbkdf2-hmac-sha1:999", &salt, "Key derivation iterations are too small: 999"},
+      {"pkcs5-pbkdf2-hmac-sha1:999", &shortSalt, "Key derivation salt is too small: 7 bytes"},
+  };
+  for (const auto& c : cases) {
+    const kx::CError error = test::caught([&] { zarn::CVMDKDisk::deriveEncryptKey(key, 32, "x", c.algorithm, *c.salt); },
+                                          kx::CError("none"));
+    EXPECT_EQ(error.getMessage(), c.message);
+  }
+  EXPECT_THROW(zarn::CVMDKDisk::deriveEncryptKey(key, 32, "x", "pkcs5-pbkdf2-hmac-sha1:", salt), kx::CError);
+}
+
+TEST_F(DiskTest, ATamperedKeyHashIsAWrongPassword) {
+  create({"", true, -1, "secret", 0});
+  auto disk = open(kx::IIOStream::ACCESS_READ_WRITE, "secret");
+  kx::TBuffer<unsigned char> hash = disk->getDescriptor()->getKxEncryptionKeyHash();
+  hash.getData()[0] ^= 1;
+  disk->getDescriptor()->setKxEncryptionKeyHash(hash);
+  disk->storeDescriptor();
+  disk = nullptr;
+  const kx::CError error = test::caught([&] { open(kx::IIOStream::ACCESS_READ, "secret"); }, kx::CError("none"));
+  EXPECT_EQ(error.getMessage(), "Specified VMDK encryption password is not correct.");
 }
 
 }  // namespace
