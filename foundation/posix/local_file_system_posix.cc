@@ -355,3 +355,20 @@ void CLocalFileSystem::deleteFile(const CURI& uri, bool missingIsOk) {
 }
 
 }  // namespace kx
+
+namespace kx {
+namespace posix {
+
+P<IIOStream> adoptLocalFileStream(int fd, const CURI& uri, IIOStream::Access access) {
+  P<CFileHandle> handle = create<CFileHandle>(fd);
+  struct stat info;
+  if (::fstat(fd, &info) < 0) throwSystemError("Opening the file", errno, uri);
+  return P<IIOStream>::adopt(new CLocalFileStream(handle, uri, access, static_cast<int64_t>(info.st_size)));
+}
+
+void throwLocalSystemError(const char* operation, int error, const CURI& uri) {
+  throwSystemError(operation, error, uri);
+}
+
+}  // namespace posix
+}  // namespace kx
