@@ -65,22 +65,6 @@ class LockFileTest : public testing::TestWithParam<bool> {
   kx::CURI uri_ = dir_.getFileURI("disk.vmdk.lock");
 };
 
-// Each case takes the lock anew after the one before released it.
-TEST_P(LockFileTest, TypesConflictAsSharedAndExclusive) {
-  const int cases[][3] = {
-      {kExclusive, kExclusive, 1}, {kShared, kShared, 0}, {kShared, kExclusive, 1}, {kExclusive, kShared, 1}};
-  for (const auto& [held, wanted, conflict] : cases) {
-    SCOPED_TRACE(testing::Message() << held << "/" << wanted);
-    auto holder = lock(held);
-    if (conflict) {
-      expectConflict([&] { lock(wanted); });
-    } else {
-      EXPECT_EQ(lock(wanted)->getType(), wanted);
-    }
-  }
-  EXPECT_THROW(kx::CLockFile(fs_.get(), uri_, 3, false, false), kx::CInvalidArgError);
-}
-
 TEST_P(LockFileTest, LastHolderDeletesTheFileWhenAsked) {
   lock(kExclusive, true);
   EXPECT_FALSE(fs_->fileExists(uri_));
@@ -124,7 +108,9 @@ TEST_P(LockFileTest, TakerStartsOverWhenTheFileWasDeletedUnderIt) {
   expectConflict([&] { lock(kShared); });
 }
 
-TEST_P(LockFileTest, FileSystemFailuresBecomeLockFileErrors) {
+// A shared lock makes do with a lock file that it may only read; other
+// failures of the file system become lock file errors.
+TEST_P(LockFileTest, FileSystemFailures) {
   auto faulty = kx::create<test::CFaultInjectionFileSystem>(fs_);
   for (const test::FileOp op : {test::FileOp::Open, test::FileOp::Lock}) {
     faulty->failNth(op, 1);
@@ -132,9 +118,9 @@ TEST_P(LockFileTest, FileSystemFailuresBecomeLockFileErrors) {
       lock(kExclusive, true, faulty.get());
       ADD_FAILURE() << "no error";
     } catch (const kx::CLockFileError& e) {
-      EXPECT_EQ(e.getMessage(),
-                (op == test::FileOp::Open ? "Cannot open the lock file: " : "Cannot lock the lock file: ") +
-                    uri_.toString(true));
+      EXPECT_EQ(e.getMessage(), (op == test::FileOp::Open ? "Cannot open the lock file: "
+                                                          : "Cannot lock the lock file: ") +
+                                    uri_.toString(true));
       EXPECT_TRUE(e.getInner() && e.getInner()->getMessage() == "Injected fault");
     }
   }
@@ -143,11 +129,7 @@ TEST_P(LockFileTest, FileSystemFailuresBecomeLockFileErrors) {
   lock(kExclusive, true, faulty.get());
   EXPECT_EQ(log.count(kx::LogLevel::Warning), 1u);
   EXPECT_TRUE(fs_->fileExists(uri_));
-}
 
-TEST_P(LockFileTest, SharedLockMakesDoWithAReadOnlyFile) {
-  auto faulty = kx::create<test::CFaultInjectionFileSystem>(fs_);
-  lock(kShared);  // leaves the file behind
   faulty->setError(kx::CFileSystemError(kx::FSPROB_ACCESS_DENIED, kx::CError("Permission denied")));
   faulty->failNth(test::FileOp::Open, 1);
   {
@@ -157,6 +139,7 @@ TEST_P(LockFileTest, SharedLockMakesDoWithAReadOnlyFile) {
   EXPECT_TRUE(fs_->fileExists(uri_));  // not ours to delete
   faulty->failNth(test::FileOp::Open, 1);
   EXPECT_THROW(lock(kExclusive, true, faulty.get()), kx::CLockFileError);
+  EXPECT_THROW(kx::CLockFile(fs_.get(), uri_, 3, false, false), kx::CInvalidArgError);
 }
 
 INSTANTIATE_TEST_SUITE_P(BothFileSystems, LockFileTest, testing::Bool(),
@@ -165,26 +148,27 @@ INSTANTIATE_TEST_SUITE_P(BothFileSystems, LockFileTest, testing::Bool(),
                          });
 
 // The child's exit code tells how its attempt went: 0 taken, 1 locked by
-// another process, 2 some other failure.
+// another process, 2 some other failure. _exit skips the destructors of the
+// parent's objects, which would unlock its locks.
 int lockInChild(const kx::CURI& uri, int type, bool exitHoldingIt = false) {
   const pid_t pid = ::fork();
   if (pid == 0) {
-    int code = 2;
     try {
       auto* held = new kx::CLockFile(kx::create<kx::CLocalFileSystem>().get(), uri, type, false, true);
       if (!exitHoldingIt) delete held;
-      code = 0;
+      ::_exit(0);
     } catch (const kx::CLockFileError& e) {
-      code = e.getMessage().StartsWith("VMDK file is locked") ? 1 : 2;
+      ::_exit(e.getMessage().StartsWith("VMDK file is locked") ? 1 : 2);
     } catch (...) {
     }
-    ::_exit(code);  // skips the destructors of the parent's objects, which would unlock its locks
+    ::_exit(2);
   }
   int status = 0;
   ::waitpid(pid, &status, 0);
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
+// Holders in other processes conflict by type like holders in this one.
 TEST(LockFileProcessTest, LocksConflictBetweenProcessesUntilReleasedOrTheHolderDies) {
   test::CTempDir dir;
   const kx::CURI uri = dir.getFileURI("disk.vmdk.lock");
