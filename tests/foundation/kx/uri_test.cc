@@ -149,8 +149,8 @@ TEST(CURITest, NameTitleExtensionParent) {
   };
   for (const auto& [text, parts] : cases) {
     const CURI u = uri(text);
-    EXPECT_EQ(u.getName() + "|" + u.getTitle() + "|" + u.getExtension() + "|" + u.getParent().toString(), parts)
-        << text;
+    const String got = u.getName() + "|" + u.getTitle() + "|" + u.getExtension() + "|";
+    EXPECT_EQ(got + u.getParent().toString(), parts) << text;
   }
 }
 
