@@ -32,17 +32,6 @@ kx::P<CVMDKDescriptor> parse(const std::string& bytes) {
 
 std::string text(const CVMDKDescriptor& descriptor) { return descriptor.toString().toUTF8(); }
 
-// One letter per entry: G generic, N name/value, E extent.
-std::string kinds(const CVMDKDescriptor& descriptor) {
-  std::string result;
-  for (const auto& entry : descriptor.getEntries()) {
-    result += dynamic_cast<CVMDKExtentInfo*>(entry.get())                    ? 'E'
-              : dynamic_cast<CVMDKDescriptor::CNameValueEntry*>(entry.get()) ? 'N'
-                                                                             : 'G';
-  }
-  return result;
-}
-
 std::string bytesOf(const kx::CBufferStream& stream) {
   const auto& buffer = stream.getBuffer();
   return std::string(reinterpret_cast<const char*>(buffer->getData()), buffer->getUsed());
@@ -66,13 +55,12 @@ std::string messageOf(const std::function<void()>& action) {
 
 // The embedded descriptor of a sparse extent goes through the accessor's test.
 TEST(DescriptorTest, LoadChangeStoreGivesExactBytes) {
-  struct Case {
-    const char* input;
+  const struct {
+    const char* name;  // of the input; the output has ".expected" instead of ".vmdk"
     std::function<void(CVMDKDescriptor&)> change;
-    const char* expected;
     size_t warnings;
   } cases[] = {
-      {"two_gb_max_extent_sparse.vmdk",
+      {"two_gb_max_extent_sparse",
        [](CVMDKDescriptor& d) {
          d.setContentID(0x0badcafe);
          d.setKxCreateExtentFilesOnDemand(true);
@@ -80,25 +68,22 @@ TEST(DescriptorTest, LoadChangeStoreGivesExactBytes) {
          d.addExtentEntry(
              kx::create<CVMDKExtentInfo>("RW", 4096, "SPARSE", "Windows Server-s005.vmdk", -1).get());
        },
-       "two_gb_max_extent_sparse.expected", 0},
-      {"crlf_windows_1252.vmdk", [](CVMDKDescriptor&) {}, "crlf_windows_1252.expected", 1},
-      {"latin1_file_name.vmdk", [](CVMDKDescriptor&) {}, "latin1_file_name.expected", 0},
-      {"differencing.vmdk",
+       0},
+      {"crlf_windows_1252", [](CVMDKDescriptor&) {}, 1},
+      {"latin1_file_name", [](CVMDKDescriptor&) {}, 0},
+      {"differencing",
        [](CVMDKDescriptor& d) {
          d.setContentID(0xe7f10a22);
          d.setParentContentID(0x5d0c0e11);
          d.setKxEncryptionAlgorithm("AES-256-CBC");
        },
-       "differencing.expected", 0},
+       0},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.input);
-    kx::P<CVMDKDescriptor> source;
-    {
-      test::CLogCapture log;
-      source = parse(readTestFile(c.input));
-      EXPECT_EQ(log.count(kx::LogLevel::Warning), c.warnings);
-    }
+    SCOPED_TRACE(c.name);
+    test::CLogCapture log;
+    kx::P<CVMDKDescriptor> source = parse(readTestFile(std::string(c.name) + ".vmdk"));
+    EXPECT_EQ(log.count(kx::LogLevel::Warning), c.warnings);
     // The changes go to a copy of a copy; neither copy shares lines with its
     // source, and assigning replaces all that was there.
     const std::string loaded = text(*source);
@@ -109,27 +94,23 @@ TEST(DescriptorTest, LoadChangeStoreGivesExactBytes) {
     c.change(*descriptor);
     EXPECT_EQ(text(*source), loaded);
     EXPECT_EQ(text(copy), loaded);
-    const std::string expected = readTestFile(c.expected);
-    const int padding = 37;
-    kx::TBuffer<unsigned char> zeros(512);
-    EXPECT_EQ(store(*descriptor, static_cast<int>(expected.size()) + padding, zeros),
-              expected + std::string(padding, '\0'));
-    // What was stored reads back to the same document.
-    EXPECT_EQ(text(*parse(expected)), expected);
+    const std::string expected = readTestFile(std::string(c.name) + ".expected");
+    EXPECT_EQ(store(*descriptor, static_cast<int>(expected.size()) + 37, kx::TBuffer<unsigned char>(512)),
+              expected + std::string(37, '\0'));
+    EXPECT_EQ(text(*parse(expected)), expected);  // what was stored reads back to the same document
   }
 }
 
+// One letter per line of the parsed document: G generic, N name/value, E extent.
 TEST(DescriptorTest, LoadAndToStringNormaliseLines) {
-  struct Case {
+  const struct {
     std::string input;
-    const char* output;
-    const char* kinds;
+    const char *output, *kinds;
   } cases[] = {
       {"", "", ""},
       {std::string("\0a=1\n", 5), "", ""},
       {std::string("a=1\0b=2\n", 8), "a=1\n", "N"},
       {"a=1", "a=1\n", "N"},
-      {"a=1\n", "a=1\n", "N"},
       {"a=1\n\n", "a=1\n\n", "NG"},
       {"x=\"\nz=\"open\n", "x=\"\"\nz=\"open\n", "NN"},
       {"=5\nmy key=5\n", "=5\nmy key=5\n", "GG"},
@@ -146,16 +127,21 @@ TEST(DescriptorTest, LoadAndToStringNormaliseLines) {
     test::CLogCapture log;
     kx::P<CVMDKDescriptor> descriptor = parse(c.input);
     EXPECT_EQ(text(*descriptor), c.output);
-    EXPECT_EQ(kinds(*descriptor), c.kinds);
+    std::string kinds;
+    for (const auto& entry : descriptor->getEntries()) {
+      kinds += dynamic_cast<CVMDKExtentInfo*>(entry.get())                    ? 'E'
+               : dynamic_cast<CVMDKDescriptor::CNameValueEntry*>(entry.get()) ? 'N'
+                                                                              : 'G';
+    }
+    EXPECT_EQ(kinds, c.kinds);
     EXPECT_TRUE(log.lines.empty());
   }
 }
 
+// A value set again keeps its line's place, spelling and quotes.
 TEST(DescriptorTest, NamesMatchWithoutCaseAndFirstDuplicateWins) {
-  // A value set again keeps its line's place, spelling and quotes.
   kx::P<CVMDKDescriptor> d = parse("cid=\"1\"\nCID=2\ncreateType=x\nDDB.adapterType=y\n");
   EXPECT_EQ(d->getContentID(), 1u);
-  EXPECT_TRUE(d->hasValue("ddb.ADAPTERtype"));
   d->setContentID(5);
   d->setCreateType("z");
   d->setAdapterType("ide");
@@ -166,9 +152,9 @@ TEST(DescriptorTest, NamesMatchWithoutCaseAndFirstDuplicateWins) {
   EXPECT_EQ(messageOf([&] { d->getValue("version"); }), "VMDK descriptor value 'version' not found.");
 }
 
+// A comment between the header and the extents, and a second run of extents
+// behind the data base.
 TEST(DescriptorTest, HeaderInsertIndexKeepsNewHeaderLinesInOrder) {
-  // A comment between the header and the extents, and a second run of
-  // extents behind the data base.
   kx::P<CVMDKDescriptor> d = parse(
       "# Disk DescriptorFile\nversion=1\nCID=1\n\n# Extent description\n"
       "RW 8 SPARSE \"a\"\nRW 8 SPARSE \"b\"\n#DDB\nddb.x = \"1\"\nRW 8 SPARSE \"z\"\n");
@@ -179,7 +165,6 @@ TEST(DescriptorTest, HeaderInsertIndexKeepsNewHeaderLinesInOrder) {
   d->setValue("tail", "3", false, false);
   d->addGenericLine("# end", false);
   d->addExtentEntry(kx::create<CVMDKExtentInfo>("RW", 8, "SPARSE", "c", -1).get());
-  EXPECT_EQ(d->getHeaderInsertIndex(), 6);
   kx::TArray<kx::P<CVMDKExtentInfo>> extents(1);  // getExtentEntries appends
   d->getExtentEntries(extents);
   ASSERT_EQ(extents.size(), 5u);
@@ -189,17 +174,18 @@ TEST(DescriptorTest, HeaderInsertIndexKeepsNewHeaderLinesInOrder) {
       "# Disk DescriptorFile\nversion=1\nCID=1\nnew=1\nnewer=\"2\"\n# note\n\n# Extent description\n"
       "RW 8 SPARSE \"a\"\nRW 8 SPARSE \"b\"\nRW 8 SPARSE \"c\"\n#DDB\nddb.x = \"1\"\nRW 8 SPARSE \"z\"\n"
       "tail=3\n# end\n");
-
   // Name/value lines behind the first extent don't count for the header.
-  EXPECT_EQ(parse("# c\nRW 8 SPARSE \"a\"\nx=1\n")->getHeaderInsertIndex(), 0);
-  EXPECT_EQ(parse("# only comments\n\n")->getHeaderInsertIndex(), 0);
-  EXPECT_EQ(parse("a=1\n# c\nb=2\n# d\n")->getHeaderInsertIndex(), 3);
+  for (const auto& [input, index] : {std::pair{"# c\nRW 8 SPARSE \"a\"\nx=1\n", 0},
+                                     {"# only comments\n\n", 0},
+                                     {"a=1\n# c\nb=2\n# d\n", 3}}) {
+    EXPECT_EQ(parse(input)->getHeaderInsertIndex(), index) << input;
+  }
 }
 
+// Built from nothing, the way a new disk's is: the header grows from the top,
+// the first extent goes to the end, "ddb." keys behind it. Each key has its
+// own quoting. Only parentCID and the kx flags have defaults.
 TEST(DescriptorTest, TypedAccessorsWriteAndReadTheirKeys) {
-  // Built from nothing, the way a new disk's is: the header grows from the
-  // top, the first extent goes to the end, "ddb." keys behind it. Each key
-  // has its own quoting. Only parentCID and the kx flags have defaults.
   auto d = kx::create<CVMDKDescriptor>();
   d->addGenericLine("# Disk DescriptorFile", true);
   d->addGenericLine("# Extent description", false);
@@ -207,9 +193,10 @@ TEST(DescriptorTest, TypedAccessorsWriteAndReadTheirKeys) {
   EXPECT_EQ(d->getParentContentID(), 0xffffffffu);
   EXPECT_FALSE(d->getKxCreateExtentFilesOnDemand());
   EXPECT_EQ(d->getKxEncryptionAlgorithm(), "");
-  EXPECT_THROW(d->getVersion(), kx::CError);
-  EXPECT_THROW(d->getAdapterType(), kx::CError);
-  EXPECT_THROW(d->getKxEncryptionIV(), kx::CError);
+  for (const auto& getter : std::initializer_list<std::function<void()>>{
+           [&] { d->getVersion(); }, [&] { d->getAdapterType(); }, [&] { d->getKxEncryptionIV(); }}) {
+    EXPECT_THROW(getter(), kx::CError);
+  }
 
   kx::TBuffer<unsigned char> bytes;
   bytes.assign(reinterpret_cast<const unsigned char*>("\x00\xab\x10\xff"), 4);
@@ -239,21 +226,20 @@ TEST(DescriptorTest, TypedAccessorsWriteAndReadTheirKeys) {
       "ddb.geometry.sectors = \"63\"\n";
   EXPECT_EQ(text(*d), expected);
 
-  // The getters read what the setters wrote, also from a parsed text.
-  for (const kx::P<CVMDKDescriptor>& r : {d, parse(expected)}) {
-    EXPECT_EQ(std::make_tuple(r->getVersion(), r->getContentID(), r->getParentContentID(),
-                              r->getGeometryCylinders(), r->getGeometryHeads(), r->getGeometrySectors(),
-                              r->getKxCreateExtentFilesOnDemand()),
-              std::make_tuple(-3, 0xabcdu, 7u, int64_t{16383}, int64_t{255}, int64_t{63}, true));
-    EXPECT_EQ(
-        kx::String(r->getCreateType() + "|" + r->getParentFileNameHint() + "|" + r->getAdapterType() + "|" +
-                   r->getKxEncryptionAlgorithm() + "|" + r->getKxEncryptionKeyDerivationAlgorithm() + "|" +
-                   r->getKxEncryptionKeyHashAlgorithm()),
-        "streamOptimized|../p.vmdk|ide|AES-256-CBC|PBKDF2|SHA-256");
-    for (const auto& value : {r->getKxEncryptionIV(), r->getKxEncryptionKeyDerivationSalt(),
-                              r->getKxEncryptedEncryptionKey(), r->getKxEncryptionKeyHash()}) {
-      EXPECT_EQ(kx::hexEncode(value), "00ab10ff");
-    }
+  // The getters read the keys that the setters wrote.
+  const kx::P<CVMDKDescriptor> r = parse(expected);
+  EXPECT_EQ(
+      std::make_tuple(r->getVersion(), r->getContentID(), r->getParentContentID(), r->getGeometryCylinders(),
+                      r->getGeometryHeads(), r->getGeometrySectors(), r->getKxCreateExtentFilesOnDemand()),
+      std::make_tuple(-3, 0xabcdu, 7u, int64_t{16383}, int64_t{255}, int64_t{63}, true));
+  EXPECT_EQ(
+      kx::String(r->getCreateType() + "|" + r->getParentFileNameHint() + "|" + r->getAdapterType() + "|" +
+                 r->getKxEncryptionAlgorithm() + "|" + r->getKxEncryptionKeyDerivationAlgorithm() + "|" +
+                 r->getKxEncryptionKeyHashAlgorithm()),
+      "streamOptimized|../p.vmdk|ide|AES-256-CBC|PBKDF2|SHA-256");
+  for (const auto& value : {r->getKxEncryptionIV(), r->getKxEncryptionKeyDerivationSalt(),
+                            r->getKxEncryptedEncryptionKey(), r->getKxEncryptionKeyHash()}) {
+    EXPECT_EQ(kx::hexEncode(value), "00ab10ff");
   }
 
   // Bad values fail only in their getters.
@@ -266,33 +252,30 @@ TEST(DescriptorTest, TypedAccessorsWriteAndReadTheirKeys) {
 }
 
 TEST(DescriptorTest, DecodingFollowsTheDeclaredEncoding) {
-  struct Case {
+  const std::string latin1 = "Using Latin-1 encoding instead.";
+  const struct {
     std::string input;
     const wchar_t* name;
-    const char* warning;  // null: none
+    std::string warning;  // empty: none
   } cases[] = {
-      {"n=\"\xc3\xa9\"\n", L"\u00e9", nullptr},
-      {"encoding=\"utf_8\"\nn=\"\xc3\xa9\"\n", L"\u00e9", nullptr},
-      {"ENCODING=\"Latin-1\"\nn=\"\xe9\"\n", L"\u00e9", nullptr},
-      {"encoding=\"iso_8859-1\"\nn=\"\xc3\xa9\"\n", L"\u00c3\u00a9", nullptr},
+      {"n=\"\xc3\xa9\"\n", L"\u00e9", ""},
+      {"encoding=\"utf_8\"\nn=\"\xc3\xa9\"\n", L"\u00e9", ""},
+      {"ENCODING=\"Latin-1\"\nn=\"\xe9\"\n", L"\u00e9", ""},
+      {"encoding=\"iso_8859-1\"\nn=\"\xc3\xa9\"\n", L"\u00c3\u00a9", ""},
       {"encoding=\"windows-1252\"\nn=\"\xe9\"\n", L"\u00e9",
        "Unknown VMDK descriptor encoding 'windows-1252'. Using Latin-1 instead."},
-      {"n=\"\xe9\"\n", L"\u00e9",
-       "Ignoring VMDK descriptor decoding error (encoding: ''. Using Latin-1 encoding instead."},
+      {"n=\"\xe9\"\n", L"\u00e9", "Ignoring VMDK descriptor decoding error (encoding: ''. " + latin1},
       {"encoding=\"UTF-8\"\nn=\"\xff\xfe\"\n", L"\u00ff\u00fe",
-       "Ignoring VMDK descriptor decoding error (encoding: 'UTF-8'. Using Latin-1 encoding instead."},
+       "Ignoring VMDK descriptor decoding error (encoding: 'UTF-8'. " + latin1},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.input);
     test::CLogCapture log;
-    kx::P<CVMDKDescriptor> d = parse(c.input);
-    EXPECT_EQ(d->getValue("n"), kx::String(c.name));
-    if (c.warning) {
-      ASSERT_EQ(log.lines.size(), 1u);
+    EXPECT_EQ(parse(c.input)->getValue("n"), kx::String(c.name));
+    ASSERT_EQ(log.lines.size(), c.warning.empty() ? 0u : 1u);
+    if (!c.warning.empty()) {
       EXPECT_EQ(log.lines[0].level, kx::LogLevel::Warning);
       EXPECT_EQ(log.lines[0].text, c.warning);
-    } else {
-      EXPECT_TRUE(log.lines.empty());
     }
   }
 }

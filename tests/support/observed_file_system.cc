@@ -11,47 +11,32 @@ class CObservedStream final : public CStreamWrapper {
   CObservedStream(const kx::P<CObservedFileSystem>& fileSystem, const kx::P<kx::IIOStream>& target)
       : CStreamWrapper(target), fileSystem_(fileSystem), uri_(target->getURI()) {}
 
-  void seek(int64_t position) override {
-    observe(FileOp::Seek);
-    CStreamWrapper::seek(position);
-  }
+  void seek(int64_t position) override { observe(FileOp::Seek), CStreamWrapper::seek(position); }
   kx::P<kx::IStreamLock> lockRange(int64_t offset, int64_t length, LockType type) override {
-    observe(FileOp::Lock);
-    return CStreamWrapper::lockRange(offset, length, type);
+    return observe(FileOp::Lock), CStreamWrapper::lockRange(offset, length, type);
   }
   void read(void* buffer, int size) override {
-    observe(FileOp::Read, size);
-    CStreamWrapper::read(buffer, size);
+    observe(FileOp::Read, size), CStreamWrapper::read(buffer, size);
   }
   int readLax(void* buffer, int size) override {
-    observe(FileOp::Read, size);
-    return CStreamWrapper::readLax(buffer, size);
+    return observe(FileOp::Read, size), CStreamWrapper::readLax(buffer, size);
   }
   int readAvailable(void* buffer, int size) override {
-    observe(FileOp::Read, size);
-    return CStreamWrapper::readAvailable(buffer, size);
+    return observe(FileOp::Read, size), CStreamWrapper::readAvailable(buffer, size);
   }
   void write(const void* data, int size, kx::IWriteBarrier* barrier) override {
-    observe(FileOp::Write, size);
-    CStreamWrapper::write(data, size, barrier);
+    observe(FileOp::Write, size), CStreamWrapper::write(data, size, barrier);
   }
   void writeKeepBuffer(const kx::TConstBufferSlice<unsigned char>& data,
                        kx::IWriteBarrier* barrier) override {
-    observe(FileOp::Write, static_cast<int>(data.getLength()));
-    CStreamWrapper::writeKeepBuffer(data, barrier);
+    observe(FileOp::Write, static_cast<int>(data.getLength())),
+        CStreamWrapper::writeKeepBuffer(data, barrier);
   }
   kx::P<kx::IWriteBarrier> createWriteBarrier(kx::IWriteBarrier* previous) override {
-    observe(FileOp::Flush);
-    return CStreamWrapper::createWriteBarrier(previous);
+    return observe(FileOp::Flush), CStreamWrapper::createWriteBarrier(previous);
   }
-  void flush() override {
-    observe(FileOp::Flush);
-    CStreamWrapper::flush();
-  }
-  void setLength(int64_t length) override {
-    observe(FileOp::SetLength);
-    CStreamWrapper::setLength(length);
-  }
+  void flush() override { observe(FileOp::Flush), CStreamWrapper::flush(); }
+  void setLength(int64_t length) override { observe(FileOp::SetLength), CStreamWrapper::setLength(length); }
 
  private:
   void observe(FileOp op, int size = 0) { fileSystem_->onOperation(op, uri_, size); }
@@ -63,17 +48,9 @@ class CObservedStream final : public CStreamWrapper {
 }  // namespace
 
 const char* getFileOpName(FileOp op) {
-  switch (op) {
-    case FileOp::Open: return "open";
-    case FileOp::Read: return "read";
-    case FileOp::Write: return "write";
-    case FileOp::Seek: return "seek";
-    case FileOp::Flush: return "flush";
-    case FileOp::SetLength: return "setLength";
-    case FileOp::Lock: return "lock";
-    case FileOp::Delete: return "delete";
-  }
-  return "?";
+  static const char* const kNames[kFileOpCount] = {"open",  "read",      "write", "seek",
+                                                   "flush", "setLength", "lock",  "delete"};
+  return kNames[static_cast<int>(op)];
 }
 
 kx::P<kx::IIOStream> CObservedFileSystem::openFile(const kx::CURI& uri, kx::IIOStream::Access access,

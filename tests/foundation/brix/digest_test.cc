@@ -22,21 +22,20 @@ std::string sha256Hex(const std::string& message, size_t pieceBytes) {
 
 // FIPS 180-2 examples, fed whole and in odd pieces.
 TEST(DigestTest, SHA256KnownAnswers) {
-  const struct {
-    std::string message;
-    const char* hex;
-  } cases[] = {
+  const std::pair<std::string, const char*> cases[] = {
       {"abc", "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"},
       {"", "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"},
       {"abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq",
        "248d6a61d20638b8e5c026930c3e6039a33ce45964ff2167f6ecedd419db06c1"},
   };
-  for (const auto& c : cases) {
-    EXPECT_EQ(sha256Hex(c.message, 1000), c.hex) << c.message;
-    EXPECT_EQ(sha256Hex(c.message, 7), c.hex) << c.message;
+  for (const auto& [message, hex] : cases) {
+    EXPECT_EQ(sha256Hex(message, 1000), hex) << message;
+    EXPECT_EQ(sha256Hex(message, 7), hex) << message;
   }
 }
 
+// Two digests of one type run side by side; data is refused after finish and
+// the result before it.
 TEST(DigestTest, DigestsAreIndependentAndGuardTheirOrder) {
   kx::P<brix::IDigestType> type = kx::create<brix::CDigestType_SHA256>();
   kx::P<brix::IDigest> a = type->createDigest();

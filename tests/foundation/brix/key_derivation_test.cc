@@ -15,8 +15,7 @@ namespace {
 TEST(KeyDerivationTest, PBKDF2HMACSHA1KnownAnswers) {
   using namespace std::string_literals;
   const struct {
-    std::string password;
-    std::string salt;
+    std::string password, salt;
     int iterations;
     const char* hex;
   } cases[] = {

@@ -9,6 +9,7 @@
 #include "dfm/miniz_compressor.h"
 #include "dfz/zlib_compressor.h"
 #include "kx/error.h"
+#include "tests/support/caught_error.h"
 
 namespace {
 
@@ -32,7 +33,7 @@ Bytes makeData(size_t size, uint32_t seed, bool incompressible = false) {
   Bytes out(size);
   for (size_t i = 0; i < size; ++i) {
     const size_t kind = incompressible ? 2 : (i / 4096) % 3;
-    out[i] = kind == 0 ? static_cast<unsigned char>(kWords[(i * 7 + i / 97) % (sizeof(kWords) - 1)])
+    out[i] = kind == 0   ? static_cast<unsigned char>(kWords[(i * 7 + i / 97) % (sizeof(kWords) - 1)])
              : kind == 1 ? 0
                          : static_cast<unsigned char>(rng());
   }
@@ -47,21 +48,16 @@ Bytes compress(kx::ISimpleCompressor& c, const Bytes& in) {
   return out;
 }
 
-int expectDamaged(kx::ISimpleCompressor& c, const Bytes& in, int capacity) {
+int damagedCode(kx::ISimpleCompressor& c, const Bytes& in, int capacity) {
   Bytes out(capacity);
-  try {
-    c.decompressSingleStep(in.data(), int(in.size()), out.data(), capacity);
-  } catch (const kx::CIOError& e) {
-    return e.getCode();
-  }
-  return 0;
+  return test::ioErrorCode([&] { c.decompressSingleStep(in.data(), int(in.size()), out.data(), capacity); });
 }
 
+// Level -1 is the default, 6; the engines differ in their highest level.
 TEST(CompressorTest, LevelsAndDescription) {
-  EXPECT_EQ(kZLib(-1)->getInternalDesc(), "zlib-6");
-  EXPECT_EQ(kZLib(9)->getInternalDesc(), "zlib-9");
-  EXPECT_EQ(kMiniZ(-1)->getInternalDesc(), "miniz-6");
-  EXPECT_EQ(kMiniZ(12)->getInternalDesc(), "miniz-12");
+  EXPECT_EQ(kZLib(-1)->getInternalDesc() + " " + kMiniZ(-1)->getInternalDesc() + " " +
+                kMiniZ(12)->getInternalDesc(),
+            "zlib-6 miniz-6 miniz-12");
   for (int level : {-2, 10}) EXPECT_THROW(kZLib(level), kx::CInvalidArgError) << level;
   for (int level : {-2, 13}) EXPECT_THROW(kMiniZ(level), kx::CInvalidArgError) << level;
 }
@@ -107,17 +103,22 @@ TEST_P(SingleStepTest, TooSmallTargetGivesMinusOneAndLeavesNoState) {
   for (int capacity : {0, 1, int(packed.size()) / 2, int(packed.size()) - 1}) {
     EXPECT_EQ(c_->compressSingleStep(plain.data(), int(plain.size()), out.data(), capacity), -1) << capacity;
   }
+  // zlib needs no slack: a target of exactly the output's size is enough.
+  if (GetParam().make == kZLib) {
+    EXPECT_EQ(c_->compressSingleStep(plain.data(), int(plain.size()), out.data(), int(packed.size())),
+              int(packed.size()));
+  }
   ASSERT_EQ(c_->compressSingleStep(plain.data(), int(plain.size()), out.data(), int(out.size())),
             int(packed.size()));
   out.resize(packed.size());
   EXPECT_TRUE(out == packed);
 }
 
-TEST_P(SingleStepTest, DamagedOrOversizedInputIsCode5) {
+TEST_P(SingleStepTest, DamagedOversizedOrNegativeSizedInputIsRefused) {
   const Bytes plain = makeData(20000, 3);
   const Bytes packed = compress(*c_, plain);
   const int capacity = int(plain.size());
-  EXPECT_EQ(expectDamaged(*c_, packed, capacity - 1), kx::IOERR_DAMAGED_DATA) << "output too large";
+  EXPECT_EQ(damagedCode(*c_, packed, capacity - 1), kx::IOERR_DAMAGED_DATA) << "output too large";
   std::vector<Bytes> bad = {Bytes(), Bytes(1024, 0), packed, packed};
   bad[2].back() ^= 0x01;  // last byte of the Adler-32
   bad[3][0] = 0x79;       // CM 9 is no deflate
@@ -125,26 +126,22 @@ TEST_P(SingleStepTest, DamagedOrOversizedInputIsCode5) {
     bad.emplace_back(packed.begin(), packed.begin() + cut);
   }
   for (size_t i = 0; i < bad.size(); ++i) {
-    EXPECT_EQ(expectDamaged(*c_, bad[i], capacity), kx::IOERR_DAMAGED_DATA) << "case " << i;
+    EXPECT_EQ(damagedCode(*c_, bad[i], capacity), kx::IOERR_DAMAGED_DATA) << "case " << i;
   }
   // After all these the object still works.
   Bytes back(plain.size());
   EXPECT_EQ(c_->decompressSingleStep(packed.data(), int(packed.size()), back.data(), capacity), capacity);
-}
-
-TEST_P(SingleStepTest, NegativeSizesAreInvalidArguments) {
-  unsigned char buffer[64] = {};
-  EXPECT_THROW(c_->compressSingleStep(buffer, -1, buffer, 64), kx::CInvalidArgError);
-  EXPECT_THROW(c_->compressSingleStep(buffer, 1, buffer, -1), kx::CInvalidArgError);
-  EXPECT_THROW(c_->decompressSingleStep(buffer, -1, buffer, 64), kx::CInvalidArgError);
+  EXPECT_THROW(c_->compressSingleStep(back.data(), -1, back.data(), 64), kx::CInvalidArgError);
+  EXPECT_THROW(c_->compressSingleStep(back.data(), 1, back.data(), -1), kx::CInvalidArgError);
+  EXPECT_THROW(c_->decompressSingleStep(back.data(), -1, back.data(), 64), kx::CInvalidArgError);
   EXPECT_THROW(c_->getCompressedSizeUpperBound(-1), kx::CInvalidArgError);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Engines, SingleStepTest,
-    ::testing::Values(EngineCase{"zlib0", kZLib, kMiniZ, 0}, EngineCase{"zlib1", kZLib, kMiniZ, 1},
-                      EngineCase{"zlib6", kZLib, kMiniZ, 6}, EngineCase{"miniz0", kMiniZ, kZLib, 0},
-                      EngineCase{"miniz1", kMiniZ, kZLib, 1}, EngineCase{"miniz6", kMiniZ, kZLib, 6}),
-    [](const ::testing::TestParamInfo<EngineCase>& info) { return info.param.name; });
+INSTANTIATE_TEST_SUITE_P(Engines, SingleStepTest,
+                         ::testing::Values(EngineCase{"zlib0", kZLib, kMiniZ, 0},
+                                           EngineCase{"zlib6", kZLib, kMiniZ, 6},
+                                           EngineCase{"miniz0", kMiniZ, kZLib, 0},
+                                           EngineCase{"miniz6", kMiniZ, kZLib, 6}),
+                         [](const ::testing::TestParamInfo<EngineCase>& info) { return info.param.name; });
 
 }  // namespace

@@ -39,19 +39,8 @@ TEST(ZLibCompressorTest, LevelZeroAlwaysFitsItsBound) {
     const int bound = c->getCompressedSizeUpperBound(size);
     out.assign(bound, 0);
     const int packed = c->compressSingleStep(in.data(), size, out.data(), bound);
-    ASSERT_NE(packed, -1) << "size " << size;
-    ASSERT_LE(packed, bound) << "size " << size;
+    ASSERT_TRUE(packed != -1 && packed <= bound) << "size " << size;
   }
-}
-
-// zlib needs no slack: a target of exactly the output's size is enough.
-TEST(ZLibCompressorTest, ExactTargetSuffices) {
-  auto c = kx::create<dfz::CZLibCompressor>(6);
-  std::vector<unsigned char> in(30000), out(c->getCompressedSizeUpperBound(30000));
-  for (size_t i = 0; i < in.size(); ++i) in[i] = static_cast<unsigned char>(i % 251 < 40 ? i * 13 : 0);
-  const int packed = c->compressSingleStep(in.data(), int(in.size()), out.data(), int(out.size()));
-  ASSERT_GT(packed, 0);
-  EXPECT_EQ(c->compressSingleStep(in.data(), int(in.size()), out.data(), packed), packed);
 }
 
 }  // namespace

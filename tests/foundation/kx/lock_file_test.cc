@@ -8,7 +8,6 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <thread>
 
 #include "kx/error.h"
 #include "kx/local_file_system.h"
@@ -22,16 +21,25 @@ namespace {
 constexpr int kShared = 1;
 constexpr int kExclusive = 2;
 
+// Calls `hook` with the number of each lock attempt that goes through it.
+class CHookFileSystem final : public test::CObservedFileSystem {
+ public:
+  using test::CObservedFileSystem::CObservedFileSystem;
+  void onOperation(test::FileOp op, const kx::CURI&, int) override {
+    if (op == test::FileOp::Lock && ++locks && hook) hook(locks);
+  }
+  std::function<void(int)> hook;
+  int locks = 0;
+};
+
 // Runs on the local file system when the parameter is true, else in memory.
 class LockFileTest : public testing::TestWithParam<bool> {
  protected:
   void SetUp() override {
     if (GetParam()) {
       fs_ = kx::create<kx::CLocalFileSystem>();
-      uri_ = dir_.getFileURI("disk.vmdk.lock");
     } else {
       fs_ = kx::create<kx::CMemoryFileSystem>();
-      uri_ = kx::CURI(kx::String("file:///mem/disk.vmdk.lock"));
     }
   }
 
@@ -54,27 +62,8 @@ class LockFileTest : public testing::TestWithParam<bool> {
 
   test::CTempDir dir_;
   kx::P<kx::IFileSystem> fs_;
-  kx::CURI uri_;
+  kx::CURI uri_ = dir_.getFileURI("disk.vmdk.lock");
 };
-
-TEST_P(LockFileTest, TypesConflictAsSharedAndExclusiveAndReleasedLocksCanBeTakenAgain) {
-  struct Case {
-    int held, wanted;
-    bool conflict;
-  };
-  // Each case takes the lock anew after the one before released it.
-  for (const Case& c : {Case{kExclusive, kExclusive, true}, Case{kShared, kShared, false},
-                        Case{kShared, kExclusive, true}, Case{kExclusive, kShared, true}}) {
-    SCOPED_TRACE(testing::Message() << c.held << "/" << c.wanted);
-    auto held = lock(c.held);
-    if (c.conflict) {
-      expectConflict([&] { lock(c.wanted); });
-    } else {
-      EXPECT_EQ(lock(c.wanted)->getType(), c.wanted);
-    }
-  }
-  EXPECT_EQ(lock(kExclusive)->getType(), kExclusive);
-}
 
 TEST_P(LockFileTest, LastHolderDeletesTheFileWhenAsked) {
   lock(kExclusive, true);
@@ -90,67 +79,57 @@ TEST_P(LockFileTest, LastHolderDeletesTheFileWhenAsked) {
   EXPECT_FALSE(fs_->fileExists(uri_));
 }
 
-TEST_P(LockFileTest, WaitingTakesTheLockOnceItIsReleased) {
+TEST_P(LockFileTest, WaitingRetriesUntilReleasedOrTheTimeIsUp) {
   auto held = lock(kExclusive);
-  std::thread releaser([&] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    held.reset();
-  });
-  kx::CLockFile waiting(fs_.get(), uri_, kExclusive, true, true, 10000);
-  releaser.join();
+  auto hooked = kx::create<CHookFileSystem>(fs_);
+  hooked->hook = [&](int n) {
+    if (n == 2) held.reset();
+  };
+  kx::CLockFile waiting(hooked.get(), uri_, kExclusive, true, true, 10000);
+  EXPECT_EQ(hooked->locks, 2);
 
   const auto start = std::chrono::steady_clock::now();
-  expectConflict([&] { kx::CLockFile(fs_.get(), uri_, kShared, true, true, 100); });
-  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(100));
+  expectConflict([&] { kx::CLockFile(fs_.get(), uri_, kShared, true, true, 30); });
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(30));
 }
 
 // A holder that deletes the file on release races with a taker that opened
 // the file just before: the taker must not end up with a lock on a file that
 // no name leads to any more.
 TEST_P(LockFileTest, TakerStartsOverWhenTheFileWasDeletedUnderIt) {
-  class CHookFileSystem final : public test::CObservedFileSystem {
-   public:
-    using test::CObservedFileSystem::CObservedFileSystem;
-    void onOperation(test::FileOp op, const kx::CURI&, int) override {
-      if (op == test::FileOp::Lock && beforeFirstLock) std::exchange(beforeFirstLock, nullptr)();
-    }
-    std::function<void()> beforeFirstLock;
-  };
   auto deleter = lock(kExclusive, true);
   auto hooked = kx::create<CHookFileSystem>(fs_);
-  hooked->beforeFirstLock = [&] { deleter.reset(); };
+  hooked->hook = [&](int n) {
+    if (n == 1) deleter.reset();
+  };
   auto taker = lock(kExclusive, true, hooked.get());
-  EXPECT_FALSE(deleter);
+  EXPECT_EQ(hooked->locks, 2);
   EXPECT_TRUE(fs_->fileExists(uri_));
   expectConflict([&] { lock(kShared); });
 }
 
-TEST_P(LockFileTest, FileSystemFailuresBecomeLockFileErrors) {
+// A shared lock makes do with a lock file that it may only read; other
+// failures of the file system become lock file errors.
+TEST_P(LockFileTest, FileSystemFailures) {
   auto faulty = kx::create<test::CFaultInjectionFileSystem>(fs_);
-  faulty->failNth(test::FileOp::Open, 1);
-  try {
-    lock(kExclusive, true, faulty.get());
-    FAIL() << "no error";
-  } catch (const kx::CLockFileError& e) {
-    EXPECT_EQ(e.getMessage(), "Cannot open the lock file: " + uri_.toString(true));
-    ASSERT_NE(e.getInner(), nullptr);
-    EXPECT_EQ(e.getInner()->getMessage(), "Injected fault");
+  for (const test::FileOp op : {test::FileOp::Open, test::FileOp::Lock}) {
+    faulty->failNth(op, 1);
+    try {
+      lock(kExclusive, true, faulty.get());
+      ADD_FAILURE() << "no error";
+    } catch (const kx::CLockFileError& e) {
+      EXPECT_EQ(e.getMessage(), (op == test::FileOp::Open ? "Cannot open the lock file: "
+                                                          : "Cannot lock the lock file: ") +
+                                    uri_.toString(true));
+      EXPECT_TRUE(e.getInner() && e.getInner()->getMessage() == "Injected fault");
+    }
   }
-  faulty->failNth(test::FileOp::Lock, 1);
-  EXPECT_THROW(lock(kExclusive, true, faulty.get()), kx::CLockFileError);
-
   faulty->failNth(test::FileOp::Delete, 1);
   test::CLogCapture log;
   lock(kExclusive, true, faulty.get());
   EXPECT_EQ(log.count(kx::LogLevel::Warning), 1u);
   EXPECT_TRUE(fs_->fileExists(uri_));
 
-  EXPECT_THROW(kx::CLockFile(fs_.get(), uri_, 3, false, false), kx::CInvalidArgError);
-}
-
-TEST_P(LockFileTest, SharedLockMakesDoWithAReadOnlyFile) {
-  auto faulty = kx::create<test::CFaultInjectionFileSystem>(fs_);
-  lock(kShared);  // leaves the file behind
   faulty->setError(kx::CFileSystemError(kx::FSPROB_ACCESS_DENIED, kx::CError("Permission denied")));
   faulty->failNth(test::FileOp::Open, 1);
   {
@@ -160,6 +139,7 @@ TEST_P(LockFileTest, SharedLockMakesDoWithAReadOnlyFile) {
   EXPECT_TRUE(fs_->fileExists(uri_));  // not ours to delete
   faulty->failNth(test::FileOp::Open, 1);
   EXPECT_THROW(lock(kExclusive, true, faulty.get()), kx::CLockFileError);
+  EXPECT_THROW(kx::CLockFile(fs_.get(), uri_, 3, false, false), kx::CInvalidArgError);
 }
 
 INSTANTIATE_TEST_SUITE_P(BothFileSystems, LockFileTest, testing::Bool(),
@@ -168,26 +148,27 @@ INSTANTIATE_TEST_SUITE_P(BothFileSystems, LockFileTest, testing::Bool(),
                          });
 
 // The child's exit code tells how its attempt went: 0 taken, 1 locked by
-// another process, 2 some other failure.
+// another process, 2 some other failure. _exit skips the destructors of the
+// parent's objects, which would unlock its locks.
 int lockInChild(const kx::CURI& uri, int type, bool exitHoldingIt = false) {
   const pid_t pid = ::fork();
   if (pid == 0) {
-    int code = 2;
     try {
       auto* held = new kx::CLockFile(kx::create<kx::CLocalFileSystem>().get(), uri, type, false, true);
       if (!exitHoldingIt) delete held;
-      code = 0;
+      ::_exit(0);
     } catch (const kx::CLockFileError& e) {
-      code = e.getMessage().StartsWith("VMDK file is locked") ? 1 : 2;
+      ::_exit(e.getMessage().StartsWith("VMDK file is locked") ? 1 : 2);
     } catch (...) {
     }
-    ::_exit(code);  // skips the destructors of the parent's objects, which would unlock its locks
+    ::_exit(2);
   }
   int status = 0;
   ::waitpid(pid, &status, 0);
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
+// Holders in other processes conflict by type like holders in this one.
 TEST(LockFileProcessTest, LocksConflictBetweenProcessesUntilReleasedOrTheHolderDies) {
   test::CTempDir dir;
   const kx::CURI uri = dir.getFileURI("disk.vmdk.lock");

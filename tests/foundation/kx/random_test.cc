@@ -2,31 +2,24 @@
 
 #include <gtest/gtest.h>
 
-#include <set>
+#include <algorithm>
+#include <vector>
 
 namespace {
 
-TEST(RandomTest, DrawsDifferAndCoverAllBits) {
-  std::set<uint32_t> seen;
+TEST(RandomTest, DrawsCoverAllBitsAndFillWholeBuffers) {
   uint32_t orBits = 0, andBits = ~0u;
-  for (int i = 0; i < 256; ++i) {
+  for (int i = 0; i < 64; ++i) {
     kx::CMutexLock lock(kx::CMTRand::getGlobalInstanceMutex());
     const uint32_t v = kx::CMTRand::getGlobal().rand32();
-    seen.insert(v);
     orBits |= v;
     andBits &= v;
   }
-  EXPECT_GT(seen.size(), 250u);
   EXPECT_EQ(orBits, ~0u);
   EXPECT_EQ(andBits, 0u);
-
-  std::vector<unsigned char> a(1 << 20), b(1 << 20);
-  kx::CMTRand::getGlobal().randData(a.data(), a.size());
-  kx::CMTRand::getGlobal().randData(b.data(), b.size());
-  EXPECT_NE(a, b);
-  size_t zeros = 0;
-  for (unsigned char c : a) zeros += c == 0;
-  EXPECT_LT(zeros, a.size() / 100);  // about 1/256 expected
+  std::vector<unsigned char> data(1 << 20);
+  kx::CMTRand::getGlobal().randData(data.data(), data.size());
+  EXPECT_LT(std::count(data.begin(), data.end(), 0), 1 << 13);  // about 1/256 expected
 }
 
 }  // namespace
