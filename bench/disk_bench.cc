@@ -42,15 +42,6 @@ double peakMemoryMiB() {
   return 0;
 }
 
-std::vector<unsigned char> mixedRequest() {
-  std::vector<unsigned char> data(kRequestBytes, 0);
-  for (int g = 0; g < kRequestBytes / 65536; ++g) {
-    if (g % 4 == 0) continue;
-    const auto grain = g % 4 == 1 ? test::noiseGrain(65536, g) : test::textGrain(65536, g);
-    std::copy(grain.begin(), grain.end(), data.begin() + g * 65536);
-  }
-  return data;
-}
 
 // Args: layout, encrypted, 0 write / 1 read.
 void BM_Disk(benchmark::State& state) {
@@ -60,7 +51,7 @@ void BM_Disk(benchmark::State& state) {
   test::CTempDir dir;
   auto fs = kx::create<kx::CLocalFileSystem>();
   const kx::CURI uri = dir.getFileURI("disk.vmdk");
-  const auto data = mixedRequest();
+  const auto data = test::mixedData(kRequestBytes);
   std::vector<unsigned char> out(kRequestBytes);
   const auto write = [&] {
     auto disk = zarn::CVMDKDisk::create(fs.get(), uri, kDiskBytes, password, layout.compressed, -1, layout.limit, "",
@@ -89,7 +80,7 @@ void BM_Disk(benchmark::State& state) {
 void BM_ChainRead(benchmark::State& state) {
   test::CTempDir dir;
   auto fs = kx::create<kx::CLocalFileSystem>();
-  const auto data = mixedRequest();
+  const auto data = test::mixedData(kRequestBytes);
   const int64_t size = 256 << 20;
   uint32_t cid = 0xFFFFFFFF;
   std::string parent;

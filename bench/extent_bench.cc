@@ -54,16 +54,6 @@ struct Setup {
   }
 };
 
-// A quarter zeros, a quarter noise, half text, in 64 KiB runs.
-std::vector<unsigned char> mixedRequest() {
-  std::vector<unsigned char> data(kRequestBytes, 0);
-  for (int g = 0; g < kRequestBytes / 65536; ++g) {
-    if (g % 4 == 0) continue;
-    const auto grain = g % 4 == 1 ? test::noiseGrain(65536, g) : test::textGrain(65536, g);
-    std::copy(grain.begin(), grain.end(), data.begin() + g * 65536);
-  }
-  return data;
-}
 
 void report(benchmark::State& state, Setup& setup, long allocations, int64_t grainsCounted) {
   int64_t calls = 0;
@@ -79,7 +69,7 @@ void report(benchmark::State& state, Setup& setup, long allocations, int64_t gra
 void BM_ExtentWrite(benchmark::State& state) {
   const int layout = static_cast<int>(state.range(0));
   Setup setup;
-  const auto data = mixedRequest();
+  const auto data = test::mixedData(kRequestBytes);
   long allocations = 0;
   int64_t counted = 0;
   for (auto _ : state) {
@@ -105,7 +95,7 @@ void BM_ExtentRead(benchmark::State& state) {
   Setup setup;
   setup.make(layout);
   {
-    const auto data = mixedRequest();
+    const auto data = test::mixedData(kRequestBytes);
     auto extent = setup.open(layout, kx::IIOStream::ACCESS_READ_WRITE);
     for (int64_t at = 0; at < kExtentBytes; at += kRequestBytes) extent->write(data.data(), kRequestBytes);
   }

@@ -353,19 +353,22 @@ void CVMDKDisk::checkPreparedRange(bool reading) {
   }
 }
 
-void CVMDKDisk::readPreparedGrainData(kx::TBuffer<unsigned char>& data) {
-  checkPreparedRange(true);
+kx::P<IVMDKExtentFile> CVMDKDisk::beginWholeGrain(const char* operation) {
   kx::P<IVMDKExtentFile> extent;
   int64_t available = 0;
   beginIOOp(grainSizeBytes_, extent, available);
-  if (available != grainSizeBytes_) {
-    throw kx::CError(
-        "Internal error: CVMDKDisk::beginIOOp in CVMDKDisk::tryRreparedGrainData returned less than the grain size.",
-        "", -1,
-        mainProps().add("position", position_).add("grainSize", grainSizeBytes_).add("opBytes", available).add("diskSize", sizeBytes_));
-  }
+  if (available == grainSizeBytes_) return extent;
+  throw kx::CError(
+      kx::String("Internal error: CVMDKDisk::beginIOOp in CVMDKDisk::") + operation + " returned less than the grain size.",
+      "", -1,
+      mainProps().add("position", position_).add("grainSize", grainSizeBytes_).add("opBytes", available).add("diskSize", sizeBytes_));
+}
+
+void CVMDKDisk::readPreparedGrainData(kx::TBuffer<unsigned char>& data) {
+  checkPreparedRange(true);
+  kx::P<IVMDKExtentFile> extent = beginWholeGrain("tryRreparedGrainData");
   extent->readPreparedGrainData(data);
-  position_ += available;
+  position_ += grainSizeBytes_;
 }
 
 void CVMDKDisk::writePreparedGrainData(const kx::TBuffer<unsigned char>& data) {
@@ -373,18 +376,9 @@ void CVMDKDisk::writePreparedGrainData(const kx::TBuffer<unsigned char>& data) {
   if (access_ != kx::IIOStream::ACCESS_READ_WRITE) {
     throw kx::CError("Internal error: CVMDKDisk::write was called, but the disk was not opened for writing.");
   }
-  kx::P<IVMDKExtentFile> extent;
-  int64_t available = 0;
-  beginIOOp(grainSizeBytes_, extent, available);
-  if (available != grainSizeBytes_) {
-    throw kx::CError(
-        "Internal error: CVMDKDisk::beginIOOp in CVMDKDisk::writePreparedGrainData returned less than the grain "
-        "size.",
-        "", -1,
-        mainProps().add("position", position_).add("grainSize", grainSizeBytes_).add("opBytes", available).add("diskSize", sizeBytes_));
-  }
+  kx::P<IVMDKExtentFile> extent = beginWholeGrain("writePreparedGrainData");
   extent->writePreparedGrainData(data);
-  position_ += available;
+  position_ += grainSizeBytes_;
 }
 
 int64_t CVMDKDisk::makeGrainIndependentOfParent(int64_t grainIndex) {
@@ -395,18 +389,9 @@ int64_t CVMDKDisk::makeGrainIndependentOfParent(int64_t grainIndex) {
   }
   const int64_t largest = std::numeric_limits<int64_t>::max() / grainSizeBytes_;
   seek(grainIndex > largest ? std::numeric_limits<int64_t>::max() : grainIndex * grainSizeBytes_);
-  kx::P<IVMDKExtentFile> extent;
-  int64_t available = 0;
-  beginIOOp(grainSizeBytes_, extent, available);
-  if (available != grainSizeBytes_) {
-    throw kx::CError(
-        "Internal error: CVMDKDisk::beginIOOp in CVMDKDisk::makeGrainIndependentOfParent returned less than the "
-        "grain size.",
-        "", -1,
-        mainProps().add("position", position_).add("grainSize", grainSizeBytes_).add("opBytes", available).add("diskSize", sizeBytes_));
-  }
+  kx::P<IVMDKExtentFile> extent = beginWholeGrain("makeGrainIndependentOfParent");
   const int64_t result = extent->makeGrainIndependentOfParent(grainIndex - extent->getStartGrainIndex());
-  position_ += available;
+  position_ += grainSizeBytes_;
   return result;
 }
 

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "extent/prepared_range.h"
 #include "kx/error.h"
 
 namespace zarn {
@@ -69,16 +70,7 @@ kx::P<CVMDKDataPreparer> CVMDKNullExtentFile::createDataPreparer() {
 }
 
 void CVMDKNullExtentFile::readPreparedGrainData(kx::TBuffer<unsigned char>& data) {
-  if (position_ + grainSizeBytes_ > extentSizeBytes_) {
-    throw kx::CIOError(
-        kx::IOERR_BEYOND_TARGET, "Prepared grain read exceeds VMDK extent size.",
-        uriProps().add("position", position_).add("grainSize", grainSizeBytes_).add("extentSize", extentSizeBytes_));
-  }
-  if (position_ % grainSizeBytes_ != 0) {
-    throw kx::CIOError(kx::IOERR_NOT_ON_GRAIN_BOUNDARY,
-                       "Prepared grain read in VMDK extent file can only be done on a grain boundary.",
-                       uriProps().add("position", position_).add("grainSize", grainSizeBytes_));
-  }
+  checkPreparedGrainRange(true, position_, grainSizeBytes_, extentSizeBytes_, uriProps());
   const int64_t diskGrainIndex = startGrainIndex_ + position_ / grainSizeBytes_;
   if (fallbackProvider_) {
     fallbackProvider_->getPreparedGrainData(diskGrainIndex * grainSizeBytes_, data,

@@ -11,6 +11,7 @@
 #include "kx/log.h"
 #include "zarn/format_constants.h"
 #include "zarn/markers.h"
+#include "extent/prepared_range.h"
 
 namespace zarn {
 namespace {
@@ -273,59 +274,34 @@ void CVMDKSparseExtentFile::write(const void* data, int size) {
   }
 }
 
-void CVMDKSparseExtentFile::readPreparedGrainData(kx::TBuffer<unsigned char>& data) {
-  if (position_ + grainSizeBytes_ > extentSizeBytes_) {
-    throw kx::CIOError(
-        kx::IOERR_BEYOND_TARGET, "Prepared grain read exceeds VMDK extent size.",
-        uriProps().add("position", position_).add("grainSize", grainSizeBytes_).add("extentSize", extentSizeBytes_));
-  }
-  if (position_ % grainSizeBytes_ != 0) {
-    throw kx::CIOError(kx::IOERR_NOT_ON_GRAIN_BOUNDARY,
-                       "Prepared grain read in VMDK extent file can only be done on a grain boundary.",
-                       uriProps().add("position", position_).add("grainSize", grainSizeBytes_));
-  }
+// The grain of a prepared transfer, opened at the position; all of it must be
+// there, since prepared data can't cross a grain border.
+void CVMDKSparseExtentFile::beginWholeGrain(const char* operation) {
   const int64_t n = beginIOOp(grainSizeBytes_);
-  if (n != grainSizeBytes_) {
-    throw kx::CError(
-        "Internal error: CVMDKSparseExtentFile::beginIOOp in CVMDKSparseExtentFile::tryReadPreparedGrainData "
-        "returned less than the grain size.",
-        "", -1,
-        uriProps()
-            .add("position", position_)
-            .add("grainSize", grainSizeBytes_)
-            .add("toWrite", n)
-            .add("extentSize", extentSizeBytes_));
-  }
+  if (n == grainSizeBytes_) return;
+  throw kx::CError(kx::String("Internal error: CVMDKSparseExtentFile::beginIOOp in CVMDKSparseExtentFile::") +
+                       operation + " returned less than the grain size.",
+                   "", -1,
+                   uriProps()
+                       .add("position", position_)
+                       .add("grainSize", grainSizeBytes_)
+                       .add("toWrite", n)
+                       .add("extentSize", extentSizeBytes_));
+}
+
+void CVMDKSparseExtentFile::readPreparedGrainData(kx::TBuffer<unsigned char>& data) {
+  checkPreparedGrainRange(true, position_, grainSizeBytes_, extentSizeBytes_, uriProps());
+  beginWholeGrain("tryReadPreparedGrainData");
   grain_->readPreparedGrainData(data);
-  position_ += n;
+  position_ += grainSizeBytes_;
 }
 
 void CVMDKSparseExtentFile::writePreparedGrainData(const kx::TBuffer<unsigned char>& data) {
-  if (position_ + grainSizeBytes_ > extentSizeBytes_) {
-    throw kx::CIOError(
-        kx::IOERR_BEYOND_TARGET, "Prepared grain write exceeds VMDK extent size.",
-        uriProps().add("position", position_).add("grainSize", grainSizeBytes_).add("extentSize", extentSizeBytes_));
-  }
-  if (position_ % grainSizeBytes_ != 0) {
-    throw kx::CIOError(kx::IOERR_NOT_ON_GRAIN_BOUNDARY,
-                       "Prepared grain write in VMDK extent file can only be done on a grain boundary.",
-                       uriProps().add("position", position_).add("grainSize", grainSizeBytes_));
-  }
+  checkPreparedGrainRange(false, position_, grainSizeBytes_, extentSizeBytes_, uriProps());
   onAboutToChange();
-  const int64_t n = beginIOOp(grainSizeBytes_);
-  if (n != grainSizeBytes_) {
-    throw kx::CError(
-        "Internal error: CVMDKSparseExtentFile::beginIOOp in CVMDKSparseExtentFile::writePreparedGrainData returned "
-        "less than the grain size.",
-        "", -1,
-        uriProps()
-            .add("position", position_)
-            .add("grainSize", grainSizeBytes_)
-            .add("toWrite", n)
-            .add("extentSize", extentSizeBytes_));
-  }
+  beginWholeGrain("writePreparedGrainData");
   grain_->writePreparedGrainData(data);
-  position_ += n;
+  position_ += grainSizeBytes_;
 }
 
 int64_t CVMDKSparseExtentFile::makeGrainIndependentOfParent(int64_t grainIndex) {

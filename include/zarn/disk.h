@@ -150,6 +150,9 @@ class CVMDKDisk : public kx::CBase {
   kx::CProps mainProps() const;
   void unlockEncryption(const kx::String& password, const kx::CURI& uri);
   void checkPreparedRange(bool reading);
+  // beginIOOp for a whole grain at the position; an internal error if the
+  // extent can't serve all of it.
+  kx::P<IVMDKExtentFile> beginWholeGrain(const char* operation);
 
   kx::P<kx::IFileSystem> fileSystem_;
   kx::CURI mainURI_;

@@ -94,6 +94,7 @@ class CVMDKSparseExtentFile : public kx::CBase, public IVMDKExtentFile {
   kx::CProps uriProps() const;
   void checkGeometry();
   kx::TBuffer<unsigned char> makeTrail();
+  void beginWholeGrain(const char* operation);
 
   // Declared in the order of release: the last ones go first.
   kx::P<kx::IIOStream> stream_;

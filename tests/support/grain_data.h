@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <algorithm>
 #include <cstring>
 #include <vector>
 
@@ -28,6 +29,18 @@ inline std::vector<unsigned char> noiseGrain(size_t size, uint64_t seed) {
     byte = static_cast<unsigned char>(x >> 56);
   }
   return out;
+}
+
+// A quarter zeros, a quarter noise, half text, in runs of 64 KiB.
+inline std::vector<unsigned char> mixedData(size_t size) {
+  std::vector<unsigned char> data(size, 0);
+  for (size_t run = 0; run * 65536 < size; ++run) {
+    if (run % 4 == 0) continue;
+    const auto grain = run % 4 == 1 ? noiseGrain(65536, run) : textGrain(65536, static_cast<uint32_t>(run));
+    std::copy(grain.begin(), grain.begin() + static_cast<std::ptrdiff_t>(std::min<size_t>(65536, size - run * 65536)),
+              data.begin() + static_cast<std::ptrdiff_t>(run * 65536));
+  }
+  return data;
 }
 
 // A parent whose byte at disk position p is (p * 7 + 3) mod 256, and which
