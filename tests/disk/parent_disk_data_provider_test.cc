@@ -134,3 +134,22 @@ TEST_F(ParentChainTest, MakingGrainsIndependentLetsTheChildStandAlone) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(ParentChainTest, AnOnDemandChildReadsItsParentAndMakesAFileOnlyWhenItCopies) {
+  const uint32_t base = make("base.vmdk", 24 * kMiB, false, "", 0xFFFFFFFF, 0, 384, 1);
+  zarn::CVMDKDisk::create(fs_.get(), uri("child.vmdk"), 24 * kMiB, "", false, -1, 4 * kMiB, "base.vmdk", base, true);
+  const size_t files = fs_->listFiles().size();
+  EXPECT_EQ(read("child.vmdk", 0, static_cast<int>(24 * kMiB)), test::noiseGrain(24 * kMiB, 1));
+  EXPECT_EQ(fs_->listFiles().size(), files) << "reading makes no file";
+  {
+    auto child = kx::create<zarn::CVMDKDisk>(fs_.get(), uri("child.vmdk"), kx::IIOStream::ACCESS_READ_WRITE, "");
+    EXPECT_EQ(child->makeGrainIndependentOfParent(300), 65536);
+  }
+  EXPECT_EQ(fs_->listFiles().size(), files + 1) << "exactly the extent of grain 300";
+  fs_->deleteFile(uri("base.vmdk"), false);
+  EXPECT_EQ(read("child.vmdk", 300 * 65536, 65536), noiseAt(300, 1, 0));
+}
+
+}  // namespace
