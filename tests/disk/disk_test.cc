@@ -220,18 +220,23 @@ TEST_F(DiskTest, OpeningAndIOErrorsCarryTheirCodesAndMessages) {
   kx::TBuffer<unsigned char> prepared;
   Bytes buffer(2);
   const int64_t end = disk->getSizeBytes();
+  const std::string main = "mainFileURI: file:///vms/disk.vmdk, ";
   struct IOCase {
     int64_t at;
     std::function<void()> op;
     int code;
     const char* message;
+    std::string props = "";
   } io[] = {
-      {end, [&] { disk->read(buffer.data(), 1); }, 4, "Read exceeds VMDK disk size."},
-      {end, [&] { disk->write(buffer.data(), 1); }, 3, "Write exceeds VMDK disk size."},
+      {end, [&] { disk->read(buffer.data(), 1); }, 4, "Read exceeds VMDK disk size.",
+       main + "position: 25165824, bytesToRead: 1"},
+      {end, [&] { disk->write(buffer.data(), 1); }, 3, "Write exceeds VMDK disk size.",
+       main + "position: 25165824, bytesToWrite: 1"},
       {0, [&] { disk->write(buffer.data(), 0); }, -1,
        "Internal error: CVMDKDisk::write was called, but the disk was not opened for writing."},
-      {0, [&] { disk->seek(end + 1); }, 7, "Bad seek position in VMDK disk: 25165825"},
-      {end - 100, [&] { disk->readPreparedGrainData(prepared); }, 3, "Prepared grain read exceeds VMDK disk size."},
+      {0, [&] { disk->seek(end + 1); }, 7, "Bad seek position in VMDK disk: 25165825", main + "diskSize: 25165824"},
+      {end - 100, [&] { disk->readPreparedGrainData(prepared); }, 3, "Prepared grain read exceeds VMDK disk size.",
+       main + "position: 25165724, grainSize: 65536, diskSize: 25165824"},
       {100, [&] { disk->readPreparedGrainData(prepared); }, 11,
        "Prepared grain read in VMDK disk can only be done on a grain boundary."},
       {end, [&] { disk->isGrainWritten(); }, -1, "Internal error: cannot find VMDK extent for position 25165824"},
@@ -243,6 +248,9 @@ TEST_F(DiskTest, OpeningAndIOErrorsCarryTheirCodesAndMessages) {
     const kx::CError error = test::caught(c.op, kx::CError("none", "", 0));
     EXPECT_EQ(error.getCode(), c.code) << c.message;
     EXPECT_EQ(error.getMessage(), c.message);
+    if (!c.props.empty()) {
+      EXPECT_EQ(error.getProps().toString(), c.props);
+    }
     EXPECT_EQ(disk->getPosition(), c.at) << c.message;
   }
 }
