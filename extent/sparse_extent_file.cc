@@ -139,7 +139,11 @@ void CVMDKSparseExtentFile::checkGeometry() {
   const uint64_t grainSize = header_->getGrainSizeSectors();
   if (grainSize < 1 || grainSize > static_cast<uint64_t>(kVMDKMaxGrainSizeSectors)) refuse("grain size", grainSize);
   const uint64_t entries = header_->getGrainTableEntryCount();
-  if (entries < 1 || entries > static_cast<uint64_t>(length) / 4) refuse("number of grain table entries", entries);
+  // Tables live in a cache of up to 1024 of them: their size must stay sane
+  // whatever the header says (every writer uses 512 entries).
+  if (entries < 1 || entries > kVMDKMaxGrainTableEntryCount || entries > static_cast<uint64_t>(length) / 4) {
+    refuse("number of grain table entries", entries);
+  }
   const uint64_t capacity = header_->getCapacitySectors();
   if (capacity > static_cast<uint64_t>(std::numeric_limits<int64_t>::max()) / kSectorSizeBytes) {
     refuse("capacity", capacity);

@@ -21,6 +21,10 @@ constexpr int kVMDKGrainTableEntryCount = 512;
 constexpr int kVMDKGrainTableSizeBytes = kVMDKGrainTableEntryCount * 4;
 constexpr int kVMDKSlotTableSizeBytes = kVMDKGrainTableEntryCount * 2;
 
+// The most entries a grain table of a file may have: 16 KiB of table, 32 times
+// what every writer uses, so that a full cache stays within 24 MiB.
+constexpr int64_t kVMDKMaxGrainTableEntryCount = 4096;
+
 // Head of a stored compressed grain: lba (8) + compressed size (4).
 constexpr int kVMDKGrainHeaderSize = 8 + 4;
 
