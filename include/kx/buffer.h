@@ -4,7 +4,10 @@
 // Memory is zero-filled when it is allocated; elements that become used again
 // after a shrink keep whatever they held. Growing keeps the content.
 // kx::TCryptBuffer<T> is the same but overwrites its memory before it frees or
-// moves it: every key lives in one.
+// moves it: every key lives in one. The wipe follows the content: a plain
+// TBuffer that is copied or moved from a wiping buffer, or that a wiping
+// buffer is moved into, wipes from then on, so key bytes never reach freed
+// memory through a TBuffer& either (std::swap included).
 #pragma once
 
 #include <algorithm>
@@ -33,7 +36,7 @@ class TBuffer : public CBase {
     ensureAllocated(std::max(used, allocated < 0 ? used : static_cast<size_t>(allocated)));
     used_ = used;
   }
-  TBuffer(const TBuffer& other) : CBase() { assign(other.data_, other.used_); }
+  TBuffer(const TBuffer& other) : CBase(), wipe_(other.wipe_) { assign(other.data_, other.used_); }
   TBuffer(TBuffer&& other) noexcept
       : CBase(), data_(other.data_), used_(other.used_), allocated_(other.allocated_),
         wipe_(other.wipe_) {
@@ -41,11 +44,15 @@ class TBuffer : public CBase {
     other.used_ = other.allocated_ = 0;
   }
   TBuffer& operator=(const TBuffer& other) {
-    if (this != &other) assign(other.data_, other.used_);
+    if (this != &other) {
+      wipe_ = wipe_ || other.wipe_;
+      assign(other.data_, other.used_);
+    }
     return *this;
   }
   TBuffer& operator=(TBuffer&& other) noexcept {
     if (this != &other) {
+      wipe_ = wipe_ || other.wipe_;
       freeMemory();
       data_ = other.data_;
       used_ = other.used_;
