@@ -8,6 +8,16 @@
 // TBuffer that is copied or moved from a wiping buffer, or that a wiping
 // buffer is moved into, wipes from then on, so key bytes never reach freed
 // memory through a TBuffer& either (std::swap included).
+//
+// Handing a buffer to a stream: a kx::TConstBufferSlice keeps its buffer alive
+// through a kx::P, which only works for a buffer made on the heap and held
+// through kx::P (kx::create). A member or stack buffer can only be given out
+// as kx::P<...>::share(&buffer): its count never reaches zero, so a slice of
+// it keeps nothing alive, and its owner will change or reuse it. Such a buffer
+// may go only to calls that are done with its bytes when they return
+// (kx::IOutStream::write), never to a call that may keep it
+// (kx::IOutStream::writeKeepBuffer). A heap buffer may be kept; its bytes must
+// then stay as they are until the stream is done with them.
 #pragma once
 
 #include <algorithm>

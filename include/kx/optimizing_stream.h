@@ -10,6 +10,9 @@
 // - getPosition is the position plus the count of every read and write, also
 //   while the data is only buffered; getLength includes buffered data.
 // - A read sees every byte written before it, flushed or not.
+// - Nothing handed to write or writeKeepBuffer is kept past the call: it is
+//   copied into the write buffer or given to the target's write (which keeps
+//   nothing either) before the call returns.
 // - The target sees the buffered bytes by flush, by close and at the latest
 //   when the last reference goes; writes reach it in the order they were made
 //   (a later write to the same bytes wins), so write barriers order nothing
