@@ -153,8 +153,9 @@ class COptimizingIOStream : public COptimizingInStream, public virtual IIOStream
   void writeKeepBuffer(const TConstBufferSlice<unsigned char>& data, IWriteBarrier* barrier) override;
   // Writes are never reordered, so a barrier that orders nothing is enough.
   P<IWriteBarrier> createWriteBarrier(IWriteBarrier* previous) override;
-  // Writes buffered data in order, then calls the target's flush. On failure
-  // the data stays buffered and a later flush tries again.
+  // Writes buffered data in order, then calls the target's flush, which for a
+  // local file waits for the device. On failure the data stays buffered and a
+  // later flush tries again.
   void flush() override;
   // Writes buffered data first. A position beyond the new length moves back
   // to it.

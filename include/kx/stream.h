@@ -82,7 +82,11 @@ class IOutStream : public virtual IStreamBase {
   // buffer given out by P::share goes through write instead (see kx::TBuffer).
   virtual void writeKeepBuffer(const TConstBufferSlice<unsigned char>& data, IWriteBarrier* barrier) = 0;
   virtual P<IWriteBarrier> createWriteBarrier(IWriteBarrier* previous) = 0;
-  // Brings all buffered data to the file.
+  // Brings everything written so far to the file and, for a file on a device,
+  // to stable storage: once flush returns, the data and the length survive a
+  // crash of the process and a loss of power, as far as the device keeps its
+  // own promises. Raises the error of the write or the device; what was not
+  // confirmed may then be lost.
   virtual void flush() = 0;
   virtual void setLength(int64_t length) = 0;
 };
