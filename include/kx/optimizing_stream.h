@@ -41,9 +41,11 @@ class COptimizingInStream : public CBase, public virtual IAlignedInStream {
 
   // Takes its own reference on `target`, whose position becomes this stream's
   // position. `bufferSizeBytes` is the largest read-ahead; reads of that size
-  // or more go to the caller's memory directly. Raises kx::CInvalidArgError for
-  // a null target or a size below 1, and whatever the target's getLength and
-  // getPosition raise.
+  // or more go to the caller's memory directly. The read-ahead buffer is
+  // allocated at the first read that needs it, 64 KiB first and the whole
+  // size when the read-ahead first grows beyond that. Raises
+  // kx::CInvalidArgError for a null target or a size below 1, and whatever the
+  // target's getLength and getPosition raise.
   explicit COptimizingInStream(P<IInStream> target, int bufferSizeBytes = kDefaultBufferSizeBytes);
   ~COptimizingInStream() override;
 
@@ -131,8 +133,9 @@ class COptimizingInStream : public CBase, public virtual IAlignedInStream {
 class COptimizingIOStream : public COptimizingInStream, public virtual IIOStream {
  public:
   // Takes its own reference on `target`. `bufferSizeBytes` is also the size of
-  // the write buffer; writes of that size or more, and kept slices of
-  // kDirectKeepBufferMinBytes or more, go to the target without a copy.
+  // the write buffer, allocated at the first write that it takes; writes of
+  // that size or more, and kept slices of kDirectKeepBufferMinBytes or more,
+  // go to the target without a copy.
   explicit COptimizingIOStream(P<IIOStream> target, int bufferSizeBytes = kDefaultBufferSizeBytes);
   // Writes buffered data back to the target (not the target's flush); an error
   // goes to kx::onExceptionInDestructorIgnored.
