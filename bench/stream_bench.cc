@@ -1,6 +1,7 @@
 // Throughput of the buffering stream, and what it costs its target: target
 // calls per 64 KiB piece or per buffer, counted by a wrapper around the file
-// stream. Runs on a memory file and on a local file in /tmp.
+// stream. Runs on a memory file and on a local file in /tmp. Also the price of
+// a flush that reaches the device, and of opening a file to read its header.
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
@@ -148,5 +149,46 @@ void BM_SequentialRead64K(benchmark::State& state) {
   state.SetLabel(placeName(state.range(0)));
 }
 BENCHMARK(BM_SequentialRead64K)->Arg(kMemory)->Arg(kLocal)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// A flush after 1 MiB of buffered writes: the write to the file plus the wait
+// for the device.
+void BM_FlushAfter1MiB(benchmark::State& state) {
+  Target target(kLocal);
+  auto stream = target.open();
+  const std::vector<unsigned char> piece(kPieceBytes, 0x5A);
+  for (auto _ : state) {
+    state.PauseTiming();
+    stream->seek(0);
+    for (int written = 0; written < kBufferBytes; written += kPieceBytes) {
+      stream->write(piece.data(), kPieceBytes, nullptr);
+    }
+    state.ResumeTiming();
+    stream->flush();
+  }
+  state.SetLabel(placeName(kLocal));
+}
+BENCHMARK(BM_FlushAfter1MiB)->Unit(benchmark::kMicrosecond)->UseRealTime();
+
+// What a disk pays each time it opens an extent to look at its header.
+void BM_OpenAndReadHeader(benchmark::State& state) {
+  Target target(kLocal);
+  {
+    auto stream = target.open();
+    const std::vector<unsigned char> piece(kPieceBytes, 0x5A);
+    for (int written = 0; written < kFileBytes; written += kPieceBytes) {
+      stream->write(piece.data(), kPieceBytes, nullptr);
+    }
+  }
+  unsigned char header[512];
+  for (auto _ : state) {
+    int flags = 0;
+    auto stream = kx::create<kx::COptimizingIOStream>(
+        target.fs->openFile(target.uri, kx::IIOStream::ACCESS_READ, flags));
+    stream->read(header, sizeof(header));
+    benchmark::DoNotOptimize(header);
+  }
+  state.SetLabel(placeName(kLocal));
+}
+BENCHMARK(BM_OpenAndReadHeader)->Unit(benchmark::kMicrosecond)->UseRealTime();
 
 }  // namespace

@@ -33,7 +33,7 @@ CCipher_AES256CBC::CCipher_AES256CBC() {
 }
 
 CCipher_AES256CBC::~CCipher_AES256CBC() {
-  EVP_CIPHER_CTX_free(ctx_);  // cleanses the key schedule
+  EVP_CIPHER_CTX_free(ctx_);
   EVP_CIPHER_free(cipher_);
 }
 
@@ -93,6 +93,16 @@ void CCipher_AES256CBC::transform(const char* context, bool encrypting,
   if (outBytes == 0) return;
 
   unsigned char* out = target.getData() + offset;
+  // The context must not hold this key's schedule once the call is over.
+  // Re-keying with zeros overwrites it in place; a reset would free the
+  // engine's state and make the next call allocate it again.
+  struct KeyScrubber {
+    evp_cipher_ctx_st* ctx;
+    ~KeyScrubber() {
+      static const unsigned char kZeroKey[kKeyBytes] = {};
+      EVP_CipherInit_ex2(ctx, nullptr, kZeroKey, nullptr, -1, nullptr);
+    }
+  } scrubber{ctx_};
   if (EVP_CipherInit_ex2(ctx_, nullptr, key.getData(), static_cast<const unsigned char*>(iv),
                          encrypting ? 1 : 0, nullptr) != 1) {
     throwOpenSSLError(context, "EVP_CipherInit_ex2");

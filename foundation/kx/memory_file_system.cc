@@ -188,7 +188,7 @@ class CMemoryFileStream final : public CBase, public IIOStream, public IFileIden
     return P<IWriteBarrier>::adopt(new CDummyWriteBarrier());
   }
 
-  // Nothing is ever buffered.
+  // Nothing is ever buffered, and there is no device to reach.
   void flush() override { getFile(); }
 
   void setLength(int64_t length) override {

@@ -38,7 +38,6 @@ COptimizingInStream::COptimizingInStream(P<IInStream> target, int bufferSizeByte
   targetLengthBytes_ = target_->getLength();
   targetPosition_ = target_->getPosition();
   position_ = targetPosition_;
-  readBuffer_.setUsed(bufferSizeBytes_);
 }
 
 COptimizingInStream::~COptimizingInStream() = default;
@@ -192,6 +191,13 @@ void COptimizingInStream::fillReadBuffer(int64_t position, int wantedBytes) {
   const int64_t bytes = std::min<int64_t>({std::max<int64_t>(readAheadBytes_, position - start + wantedBytes),
                                            bufferSizeBytes_, getLength() - start});
   readBufferBytes_ = 0;
+  // Allocated at the first need, small first: an open that reads a header
+  // and goes shouldn't pay for a megabyte. The first growth takes it all.
+  if (readBuffer_.getUsed() < static_cast<size_t>(bytes)) {
+    readBuffer_.setUsed(0);
+    readBuffer_.setUsed(bytes <= kInitialReadAheadBytes ? std::min(kInitialReadAheadBytes, bufferSizeBytes_)
+                                                        : bufferSizeBytes_);
+  }
   readContentAt(start, readBuffer_.getData(), static_cast<int>(bytes));
   readBufferStart_ = start;
   readBufferBytes_ = static_cast<int>(bytes);
@@ -218,9 +224,7 @@ void COptimizingInStream::seekTarget(int64_t position) {
 }
 
 COptimizingIOStream::COptimizingIOStream(P<IIOStream> target, int bufferSizeBytes)
-    : COptimizingInStream(P<IInStream>(target), bufferSizeBytes), ioTarget_(std::move(target)) {
-  writeBuffer_.setUsed(bufferSizeBytes_);
-}
+    : COptimizingInStream(P<IInStream>(target), bufferSizeBytes), ioTarget_(std::move(target)) {}
 
 COptimizingIOStream::~COptimizingIOStream() {
   if (closed_) return;
@@ -302,6 +306,7 @@ void COptimizingIOStream::writeImpl(const unsigned char* data, int size, bool di
         writePending();
         pendingStart_ = position;
       }
+      if (writeBuffer_.isEmpty()) writeBuffer_.setUsed(bufferSizeBytes_);  // only streams that write pay
       std::memcpy(writeBuffer_.getData() + (position - pendingStart_), data, size);
       pendingBytes_ = static_cast<int>(std::max<int64_t>(pendingBytes_, position + size - pendingStart_));
     }

@@ -104,17 +104,19 @@ void hexDecode(const String& text, TBuffer<unsigned char>& out) {
   if (text.length() % 2 != 0) {
     throw CError("Invalid hex text: odd number of digits", String(), -1, CProps().add("text", text));
   }
-  TBuffer<unsigned char> decoded(text.length() / 2);
-  for (size_t i = 0; i < decoded.getUsed(); ++i) {
-    const int hi = hexDigitValue(text[2 * i]);
-    const int lo = hexDigitValue(text[2 * i + 1]);
-    if (hi < 0 || lo < 0) {
+  // Checked first and decoded straight into `out`: the text is often a key,
+  // and a temporary copy would leave it behind in freed memory.
+  for (size_t i = 0; i < text.length(); ++i) {
+    if (hexDigitValue(text[i]) < 0) {
       throw CError("Invalid hex text: bad digit", String(), -1,
-                   CProps().add("text", text).add("index", static_cast<uint64_t>(hi < 0 ? 2 * i : 2 * i + 1)));
+                   CProps().add("text", text).add("index", static_cast<uint64_t>(i)));
     }
-    decoded.getData()[i] = static_cast<unsigned char>(hi << 4 | lo);
   }
-  out.assign(decoded.getData(), decoded.getUsed());
+  out.setUsed(0);  // nothing to keep when it grows
+  out.setUsed(text.length() / 2);
+  for (size_t i = 0; i < out.getUsed(); ++i) {
+    out.getData()[i] = static_cast<unsigned char>(hexDigitValue(text[2 * i]) << 4 | hexDigitValue(text[2 * i + 1]));
+  }
 }
 
 }  // namespace kx

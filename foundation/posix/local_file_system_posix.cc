@@ -111,6 +111,7 @@ class CLocalStreamLock final : public CBase, public IStreamLock {
   P<CFileHandle> handle_;
   int64_t offset_;
   int64_t length_;
+  bool unsynced_ = false;  // written to since the last flush
 };
 
 class CLocalFileStream final : public CBase, public IIOStream, public IFileIdentity {
@@ -198,6 +199,7 @@ class CLocalFileStream final : public CBase, public IIOStream, public IFileIdent
     checkIOSize(size, "CLocalFileSystem::write");
     checkWritable();
     const auto* bytes = static_cast<const unsigned char*>(data);
+    unsynced_ = true;
     int done = 0;
     while (done < size) {
       const ssize_t result = ::pwrite(handle_->get(), bytes + done, static_cast<size_t>(size - done),
@@ -227,7 +229,18 @@ class CLocalFileStream final : public CBase, public IIOStream, public IFileIdent
     return P<IWriteBarrier>::adopt(new CDummyWriteBarrier());
   }
 
-  void flush() override { checkOpen(); }
+  // Waits for the device only when this stream wrote since the last time: a
+  // stream that only read must not pay for a device flush when it closes.
+  void flush() override {
+    checkOpen();
+    if (!unsynced_) return;
+    int result;
+    do {
+      result = ::fdatasync(handle_->get());
+    } while (result < 0 && errno == EINTR);
+    if (result < 0) throwSystemError("Flushing the file to the device", errno, uri_);
+    unsynced_ = false;
+  }
 
   void setLength(int64_t length) override {
     checkWritable();
@@ -235,6 +248,7 @@ class CLocalFileStream final : public CBase, public IIOStream, public IFileIdent
       throw CInvalidArgError("CLocalFileSystem::setLength", "Negative length",
                              CProps().add("length", length));
     }
+    unsynced_ = true;
     int result;
     do {
       result = ::ftruncate(handle_->get(), static_cast<off_t>(length));
@@ -297,6 +311,7 @@ class CLocalFileStream final : public CBase, public IIOStream, public IFileIdent
   Access access_;
   int64_t position_ = 0;  // may lie past the end after the file was shortened
   int64_t length_;
+  bool unsynced_ = false;  // written to since the last flush
 };
 
 }  // namespace

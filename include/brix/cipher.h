@@ -2,7 +2,8 @@
 //
 // A cipher object is reference counted (kx::CBase, starts with one reference)
 // and serves one thread at a time: it keeps one engine context that every call
-// reuses. Separate objects share nothing.
+// reuses, and no key schedule outlives the call that made it. Separate objects
+// share nothing.
 #pragma once
 
 #include "kx/base.h"

@@ -4,7 +4,20 @@
 // Memory is zero-filled when it is allocated; elements that become used again
 // after a shrink keep whatever they held. Growing keeps the content.
 // kx::TCryptBuffer<T> is the same but overwrites its memory before it frees or
-// moves it: every key lives in one.
+// moves it: every key lives in one. The wipe follows the content: a plain
+// TBuffer that is copied or moved from a wiping buffer, or that a wiping
+// buffer is moved into, wipes from then on, so key bytes never reach freed
+// memory through a TBuffer& either (std::swap included).
+//
+// Handing a buffer to a stream: a kx::TConstBufferSlice keeps its buffer alive
+// through a kx::P, which only works for a buffer made on the heap and held
+// through kx::P (kx::create). A member or stack buffer can only be given out
+// as kx::P<...>::share(&buffer): its count never reaches zero, so a slice of
+// it keeps nothing alive, and its owner will change or reuse it. Such a buffer
+// may go only to calls that are done with its bytes when they return
+// (kx::IOutStream::write), never to a call that may keep it
+// (kx::IOutStream::writeKeepBuffer). A heap buffer may be kept; its bytes must
+// then stay as they are until the stream is done with them.
 #pragma once
 
 #include <algorithm>
@@ -33,7 +46,7 @@ class TBuffer : public CBase {
     ensureAllocated(std::max(used, allocated < 0 ? used : static_cast<size_t>(allocated)));
     used_ = used;
   }
-  TBuffer(const TBuffer& other) : CBase() { assign(other.data_, other.used_); }
+  TBuffer(const TBuffer& other) : CBase(), wipe_(other.wipe_) { assign(other.data_, other.used_); }
   TBuffer(TBuffer&& other) noexcept
       : CBase(), data_(other.data_), used_(other.used_), allocated_(other.allocated_),
         wipe_(other.wipe_) {
@@ -41,11 +54,15 @@ class TBuffer : public CBase {
     other.used_ = other.allocated_ = 0;
   }
   TBuffer& operator=(const TBuffer& other) {
-    if (this != &other) assign(other.data_, other.used_);
+    if (this != &other) {
+      wipe_ = wipe_ || other.wipe_;
+      assign(other.data_, other.used_);
+    }
     return *this;
   }
   TBuffer& operator=(TBuffer&& other) noexcept {
     if (this != &other) {
+      wipe_ = wipe_ || other.wipe_;
       freeMemory();
       data_ = other.data_;
       used_ = other.used_;

@@ -9,7 +9,8 @@
 //
 // The stream has no file behind it: getURI gives the URI given to the
 // constructor (empty by default), lockRange raises kx::CFileSystemError
-// FSPROB_NOT_SUPPORTED, flush does nothing. After close every operation but
+// FSPROB_NOT_SUPPORTED, flush does nothing. writeKeepBuffer copies like write
+// and keeps nothing. After close every operation but
 // getURI and close raises kx::CIOError code 10. One thread at a time.
 #pragma once
 

@@ -19,11 +19,12 @@
 // stream and learned again from the system only when a read or seek goes past
 // it, so a file that another writer made longer is still seen.
 //
-// flush() hands nothing to the device: there is no buffer to empty, and
-// forcing the data to stable storage on every flush would make the buffering
-// layer above, which flushes often, slow by orders of magnitude. Written data
-// is in the operating system's cache as soon as write returns and survives a
-// crash of the process, but not a crash of the machine.
+// Written data is in the operating system's cache as soon as write returns and
+// survives a crash of the process. flush() (and createWriteBarrier, which
+// flushes) waits until the device has it (fdatasync), so that it survives a
+// power loss too; a stream that wrote nothing since its last flush doesn't
+// wait. That wait is the price of a flush: callers flush at the points where
+// order on the device matters, not after every write.
 //
 // Byte-range locks belong to the open file (one openFile call), not to the
 // process: two streams of one process conflict like two processes do, and

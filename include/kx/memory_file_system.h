@@ -8,7 +8,9 @@
 // Streams are unbuffered kx::IIOStream objects that also implement
 // kx::IFileIdentity. A stream keeps its file alive: a file deleted while open
 // stays readable and writable through the streams that have it, like an
-// unlinked file on a POSIX system.
+// unlinked file on a POSIX system. writeKeepBuffer copies like write and
+// keeps nothing; flush does nothing, since a file that lives in memory has no
+// stable storage to reach and is gone with the process anyway.
 //
 // Byte-range locks follow the local file system's rules: locks taken through
 // one stream never conflict with each other; a lock conflicts with a lock of

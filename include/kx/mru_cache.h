@@ -100,6 +100,11 @@ class TMostRecentlyUsedCache : public CBase {
    public:
     explicit CEnum(const TMostRecentlyUsedCache& cache)
         : it_(cache.table_.begin()), end_(cache.table_.end()) {}
+    // Starts at the first key not less than `from`, in logarithmic time: a
+    // walk over the keys of one owner (keys ordered by owner first) starts
+    // there and stops when getKey leaves the owner.
+    CEnum(const TMostRecentlyUsedCache& cache, const K& from)
+        : it_(cache.table_.lower_bound(from)), end_(cache.table_.end()) {}
     // Moves to the next entry; false behind the last one.
     bool next() {
       if (started_) ++it_;

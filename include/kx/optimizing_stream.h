@@ -10,6 +10,9 @@
 // - getPosition is the position plus the count of every read and write, also
 //   while the data is only buffered; getLength includes buffered data.
 // - A read sees every byte written before it, flushed or not.
+// - Nothing handed to write or writeKeepBuffer is kept past the call: it is
+//   copied into the write buffer or given to the target's write (which keeps
+//   nothing either) before the call returns.
 // - The target sees the buffered bytes by flush, by close and at the latest
 //   when the last reference goes; writes reach it in the order they were made
 //   (a later write to the same bytes wins), so write barriers order nothing
@@ -38,9 +41,11 @@ class COptimizingInStream : public CBase, public virtual IAlignedInStream {
 
   // Takes its own reference on `target`, whose position becomes this stream's
   // position. `bufferSizeBytes` is the largest read-ahead; reads of that size
-  // or more go to the caller's memory directly. Raises kx::CInvalidArgError for
-  // a null target or a size below 1, and whatever the target's getLength and
-  // getPosition raise.
+  // or more go to the caller's memory directly. The read-ahead buffer is
+  // allocated at the first read that needs it, 64 KiB first and the whole
+  // size when the read-ahead first grows beyond that. Raises
+  // kx::CInvalidArgError for a null target or a size below 1, and whatever the
+  // target's getLength and getPosition raise.
   explicit COptimizingInStream(P<IInStream> target, int bufferSizeBytes = kDefaultBufferSizeBytes);
   ~COptimizingInStream() override;
 
@@ -128,8 +133,9 @@ class COptimizingInStream : public CBase, public virtual IAlignedInStream {
 class COptimizingIOStream : public COptimizingInStream, public virtual IIOStream {
  public:
   // Takes its own reference on `target`. `bufferSizeBytes` is also the size of
-  // the write buffer; writes of that size or more, and kept slices of
-  // kDirectKeepBufferMinBytes or more, go to the target without a copy.
+  // the write buffer, allocated at the first write that it takes; writes of
+  // that size or more, and kept slices of kDirectKeepBufferMinBytes or more,
+  // go to the target without a copy.
   explicit COptimizingIOStream(P<IIOStream> target, int bufferSizeBytes = kDefaultBufferSizeBytes);
   // Writes buffered data back to the target (not the target's flush); an error
   // goes to kx::onExceptionInDestructorIgnored.
@@ -150,8 +156,9 @@ class COptimizingIOStream : public COptimizingInStream, public virtual IIOStream
   void writeKeepBuffer(const TConstBufferSlice<unsigned char>& data, IWriteBarrier* barrier) override;
   // Writes are never reordered, so a barrier that orders nothing is enough.
   P<IWriteBarrier> createWriteBarrier(IWriteBarrier* previous) override;
-  // Writes buffered data in order, then calls the target's flush. On failure
-  // the data stays buffered and a later flush tries again.
+  // Writes buffered data in order, then calls the target's flush, which for a
+  // local file waits for the device. On failure the data stays buffered and a
+  // later flush tries again.
   void flush() override;
   // Writes buffered data first. A position beyond the new length moves back
   // to it.

@@ -70,13 +70,23 @@ class IAlignedInStream : public virtual IInStream, public virtual IAlignedStream
 class IOutStream : public virtual IStreamBase {
  public:
   // Writes all `size` bytes at the position and moves it on; a write at the
-  // end makes the stream longer. `barrier` may be null.
+  // end makes the stream longer. `barrier` may be null. The stream is done
+  // with `data` when the call returns: the caller may change or free it then.
   virtual void write(const void* data, int size, IWriteBarrier* barrier) = 0;
-  // Like write, but the stream may keep the slice (and so its buffer) instead
-  // of copying it; the caller must not change the slice's bytes afterwards.
+  // Like write, but instead of copying the bytes the stream may keep the slice,
+  // and with it a reference to its buffer, and read the bytes later: until
+  // they reached the file, at the latest when a flush or close of this stream
+  // returns or when its last reference goes. Until then the caller must not
+  // change them. The slice alone must keep its buffer alive, so the buffer
+  // must be held through a kx::P that owns it (kx::create); a member or stack
+  // buffer given out by P::share goes through write instead (see kx::TBuffer).
   virtual void writeKeepBuffer(const TConstBufferSlice<unsigned char>& data, IWriteBarrier* barrier) = 0;
   virtual P<IWriteBarrier> createWriteBarrier(IWriteBarrier* previous) = 0;
-  // Brings all buffered data to the file.
+  // Brings everything written so far to the file and, for a file on a device,
+  // to stable storage: once flush returns, the data and the length survive a
+  // crash of the process and a loss of power, as far as the device keeps its
+  // own promises. Raises the error of the write or the device; what was not
+  // confirmed may then be lost.
   virtual void flush() = 0;
   virtual void setLength(int64_t length) = 0;
 };

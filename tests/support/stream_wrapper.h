@@ -7,8 +7,10 @@
 
 namespace test {
 
-// Forwards all of kx::IIOStream. kx::IFileIdentity goes to the target when the
-// target has it, else checkSameFile says -1 (can't tell).
+// Forwards all of kx::IIOStream and keeps nothing of its own: a kept slice is
+// the target's to keep; flush and close go on to it, and the last reference
+// releases it. kx::IFileIdentity goes to the target when the target has it,
+// else checkSameFile says -1 (can't tell).
 class CStreamWrapper : public kx::CBase, public kx::IIOStream, public kx::IFileIdentity {
  public:
   // Takes a reference to `target`, which must not be null.

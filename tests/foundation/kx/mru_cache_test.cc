@@ -82,6 +82,10 @@ TEST_F(MruCacheTest, EnumerationIsInKeyOrderAndRemovalIsSelective) {
     Keys keys;
     for (Cache::CEnum e(cache); e.next();) keys.push_back(e.getKey());
     EXPECT_EQ(keys, (Keys{1, 3, 5, 9}));
+    keys.clear();
+    for (Cache::CEnum e(cache, 4); e.next();) keys.push_back(e.getKey());
+    EXPECT_EQ(keys, (Keys{5, 9}));
+    EXPECT_FALSE(Cache::CEnum(cache, 10).next());
     EXPECT_TRUE(cache.remove(9));
     EXPECT_FALSE(cache.remove(9));
     EXPECT_EQ(cache.getKeysByRecency(), (Keys{3, 1, 5}));
