@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "kx/local_file_system.h"
-#include "tests/shim/counting_allocator.h"
+#include "tests/support/alloc_shim.h"
 #include "tests/support/counting_file_system.h"
 #include "tests/support/grain_data.h"
 #include "tests/support/grain_stack.h"

@@ -10,7 +10,7 @@
 
 #include "dfm/miniz_compressor.h"
 #include "kx/local_file_system.h"
-#include "tests/shim/counting_allocator.h"
+#include "tests/support/alloc_shim.h"
 #include "tests/support/grain_data.h"
 #include "tests/support/grain_stack.h"
 #include "tests/support/stream_wrapper.h"

@@ -206,10 +206,9 @@ void CVMDKDisk::deriveEncryptKey(kx::TCryptBuffer<unsigned char>& derivedKey, in
                                  const kx::String& password, const kx::String& algorithm,
                                  const kx::TBuffer<unsigned char>& salt) {
   const char* context = "CVMDKDisk::deriveEncryptKey";
-  std::string utf8 = password.toUTF8();
-  kx::TCryptBuffer<unsigned char> passwordBytes;
-  passwordBytes.assign(reinterpret_cast<const unsigned char*>(utf8.data()), std::strlen(utf8.c_str()));
-  kx::secureWipe(utf8.data(), utf8.size());
+  // The password ends at its first NUL character, as a C string would.
+  const size_t end = password.find(wxUniChar(0));
+  const kx::String text = end == kx::String::npos ? password : kx::String(password.Left(end));
   derivedKey.setUsed(static_cast<size_t>(keyLength));
   if (!algorithm.StartsWith(kKeyDerivationPrefix)) {
     throw kx::CInvalidArgError(context, "Unknown encryption key derivation algorithm: " + algorithm);
@@ -228,8 +227,8 @@ void CVMDKDisk::deriveEncryptKey(kx::TCryptBuffer<unsigned char>& derivedKey, in
     throw kx::CInvalidArgError(
         context, kx::String::Format("Key derivation iterations are too large: %lld", static_cast<long long>(iterations)));
   }
-  brix::deriveKey_PKCS5_PBKDF2_HMAC_SHA1(passwordBytes.getData(), static_cast<int>(passwordBytes.getUsed()),
-                                         salt.getData(), static_cast<int>(salt.getUsed()),
+  // Made into UTF-8 in wiped memory: no copy of the password is left behind.
+  brix::deriveKey_PKCS5_PBKDF2_HMAC_SHA1(text, salt.getData(), static_cast<int>(salt.getUsed()),
                                          static_cast<int>(iterations), keyLength, derivedKey.getData());
 }
 

@@ -1,5 +1,6 @@
 #include "zarn/grain_table_cache.h"
 
+#include <cstdint>
 #include <functional>
 
 #include "kx/containers.h"
@@ -32,8 +33,9 @@ void CVMDKGrainTableCache::setAutoEnforceLimit(bool enabled) { cache_->setAutoEn
 void CVMDKGrainTableCache::enforceLimit() { cache_->enforceLimit(); }
 
 void CVMDKGrainTableCache::flushCachedTablesFromDirectoryToStream(const CVMDKGrainDirectory* directory) {
-  for (Cache::CEnum it(*cache_); it.next();) {
-    if (it.getKey().directory == directory) it.getValue()->flushChangesToStream();
+  // Keys order by directory first: its tables are one run from its first key.
+  for (Cache::CEnum it(*cache_, CKey{directory, INT64_MIN}); it.next() && it.getKey().directory == directory;) {
+    it.getValue()->flushChangesToStream();
   }
 }
 
@@ -41,8 +43,8 @@ void CVMDKGrainTableCache::removeCachedTablesFromDirectory(const CVMDKGrainDirec
   // Collected first: a table that leaves may write itself, and the walk must
   // not run over entries that are being removed.
   kx::TList<CKey> keys;
-  for (Cache::CEnum it(*cache_); it.next();) {
-    if (it.getKey().directory == directory) keys.push_back(it.getKey());
+  for (Cache::CEnum it(*cache_, CKey{directory, INT64_MIN}); it.next() && it.getKey().directory == directory;) {
+    keys.push_back(it.getKey());
   }
   for (const CKey& key : keys) cache_->remove(key);
 }

@@ -66,12 +66,20 @@ void free(void* block) {
 
 namespace test {
 
-long countAllocations(const std::function<void()>& work) {
+void startCountingAllocations() {
   g_allocations = 0;
   g_counting = true;
-  work();
+}
+
+long stopCountingAllocations() {
   g_counting = false;
   return g_allocations.load();
+}
+
+long countAllocations(const std::function<void()>& work) {
+  startCountingAllocations();
+  work();
+  return stopCountingAllocations();
 }
 
 void setFreeObserver(FreeObserver observer) { g_freeObserver = observer; }
