@@ -50,6 +50,13 @@ std::string formatSize(int64_t bytes) {
 kx::P<zarn::CVMDKDisk> createDisk(CToolContext& context, const std::string& path, int64_t sizeBytes,
                                   const CDiskOptions& options) {
   const kx::CURI uri = CToolContext::pathToURI(path);
+  // The descriptor ends a file name at a double quote, and reads a name with
+  // a backslash as a Windows path: such a disk would not open again.
+  const std::string name = uri.getName().toUTF8();
+  if (name.find_first_of("\"\\") != std::string::npos) {
+    throw kx::CError("A VMDK file name can't hold a double quote or a backslash.", kx::String(), -1,
+                     kx::CProps().add("name", name));
+  }
   kx::String password;
   if (options.encrypted) {
     password = context.getPasswordFor(path, true);
