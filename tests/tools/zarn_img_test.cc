@@ -218,6 +218,15 @@ TEST_F(ZarnImgTest, ConvertIntoAnExistingTargetMakesItReadAsTheSource) {
   std::string map;
   ASSERT_EQ(run("map --output=json t.vmdk", map), 0);
   EXPECT_EQ(map.find("\"start\": 7340032"), std::string::npos) << map;
+  // Over a parent, a new disk gets only the grains that differ from it.
+  Bytes patched = model;
+  patched[5 * kMiB + 3] ^= 1;
+  write("patched.raw", patched);
+  ok("convert src.raw base.vmdk");
+  ok("convert -o backing-file=base.vmdk patched.raw child.vmdk");
+  ASSERT_EQ(run("map --output=json child.vmdk", map), 0);
+  EXPECT_NE(map.find("\"start\": 5242880,\n        \"length\": 65536,\n        \"depth\": 0"), std::string::npos) << map;
+  EXPECT_TRUE(content("child.vmdk") == patched);
   // A raw target too, and a target too small is refused before any write.
   write("t.raw", Bytes(17 * kMiB, 0xee));
   ok("convert -n t.vmdk t.raw");
