@@ -16,7 +16,7 @@ size_mib=256
 export ZARN_PASSWORD=demo-password  # read by zarn-img, never passed as an argument
 
 now() { date +%s.%N; }
-rate() { awk -v b="$1" -v s="$2" -v e="$3" 'BEGIN { t = e - s; if (t <= 0) t = 0.001; printf "%.0f", b / 1048576 / t }'; }
+rate() { awk -v b="$1" -v s="$2" -v e="$3" 'BEGIN { t = e - s; if (t <= 0) t = 0.001; printf "%.0f", b / 1000000 / t }'; }
 bytes_of() { stat -c %s "$@" | awk '{ n += $1 } END { print n }'; }
 rows=()
 

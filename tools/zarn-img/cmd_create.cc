@@ -9,7 +9,8 @@ namespace zarn_img {
 
 const char* const kCommonHelp =
     "  --password-file F     the password of encrypted disks, from file F\n"
-    "  --confine DIR         every file that a disk names must lie under DIR\n"
+    "  --confine DIR         every file opened (disks, the files they name, raw\n"
+    "                        images) must lie under DIR\n"
     "\n"
     "Passwords come from --password-file, else from the environment variable\n"
     "ZARN_PASSWORD, else from a prompt on the terminal; never from an argument.\n";

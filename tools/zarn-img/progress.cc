@@ -43,7 +43,7 @@ void CProgress::finish() {
 void CProgress::draw(int64_t doneBytes, bool final) {
   const double percent = totalBytes_ > 0 ? 100.0 * static_cast<double>(doneBytes) / static_cast<double>(totalBytes_) : 100.0;
   const double seconds = getElapsedSeconds();
-  const double mbPerSecond = seconds > 0 ? static_cast<double>(doneBytes) / (1 << 20) / seconds : 0;
+  const double mbPerSecond = seconds > 0 ? static_cast<double>(doneBytes) / 1e6 / seconds : 0;
   char rate[64] = "";
   if ((final || seconds >= 0.05) && doneBytes > 0) std::snprintf(rate, sizeof rate, "  %.1f MB/s", mbPerSecond);
   char time[64] = "";
