@@ -26,7 +26,7 @@ const char* const kConvertHelp =
     "  -o OPTIONS            options of a new VMDK TARGET (see -o help); with\n"
     "                        backing-file only grains that differ are written\n"
     "  -p                    show progress on stderr\n"
-    "  -j THREADS            compress or decompress on THREADS threads (1 to 64)\n"
+    "  -j THREADS            compress or decompress on THREADS threads (1 to 16)\n"
     "  -n                    write into the existing TARGET instead of making it\n"
     "                        anew; afterwards it reads exactly as SOURCE\n";
 
@@ -94,7 +94,7 @@ int runConvert(CToolContext& context, const Args& args) {
   const std::string& targetPath = arguments.positional()[1];
   const bool noCreate = arguments.has("no-create");
   CConvertSettings settings;
-  settings.threads = static_cast<int>(parseCount("convert", "thread count", arguments.get("threads", "1"), 1, 64));
+  settings.threads = static_cast<int>(parseCount("convert", "thread count", arguments.get("threads", "1"), 1, 16));
   settings.showProgress = arguments.has("progress");
   if (noCreate && options.setsCreation) throw CUsageError("convert", "-n writes into an existing target: -o can only confine");
   std::string sourceFormat = arguments.has("source-format") ? checkFormat(arguments.get("source-format")) : "";
