@@ -3,7 +3,7 @@
 set -euo pipefail
 
 packages=(build-essential g++ cmake ninja-build pkg-config libwxgtk3.2-dev zlib1g-dev libssl-dev
-  libdeflate-dev googletest libgtest-dev libbenchmark-dev qemu-utils)
+  libdeflate-dev googletest libgtest-dev libbenchmark-dev qemu-utils libvmdk-utils)
 # Extra packages a caller names, such as clang for the fuzz targets.
 packages+=("$@")
 
