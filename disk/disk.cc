@@ -477,6 +477,15 @@ kx::P<CVMDKDisk> CVMDKDisk::create(kx::IFileSystem* fileSystem, const kx::CURI& 
         context, "sParentRelPath and parentContentID must either both be specified or both have the default values.",
         kx::CProps().add("parentRelPath", sParentRelPath).add("parentContentID", kx::String(kx::String::Format("%x", parentContentID))));
   }
+  // An extent line quotes its file name without escapes, and a backslash
+  // would make the name a Windows path when it is read back.
+  const kx::String name = uri.getName();
+  for (const wxUniChar c : {wxUniChar('"'), wxUniChar('\\'), wxUniChar('\n'), wxUniChar('\r'), wxUniChar(0)}) {
+    if (name.find(c) != kx::String::npos || name.isEmpty()) {
+      throw kx::CInvalidArgError(context, "The main file's name can't be written into a VMDK descriptor: '" + name + "'",
+                                 kx::CProps().add("uri", uri.toString(true)));
+    }
+  }
   if (fileSizeLimit == 0 || fileSizeLimit < -1) {
     throw kx::CInvalidArgError(context, kx::String::Format("Invalid VMDK file size limit: %lld bytes",
                                                            static_cast<long long>(fileSizeLimit)));

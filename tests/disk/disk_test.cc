@@ -156,6 +156,10 @@ TEST_F(DiskTest, CreationRefusesBeforeTouchingAFile) {
        "Internal error: calculated VMDK descriptor size exceeds estimated worst case descriptor size (calculated: "
        "2834944, worstCase: 1900544)"},
   };
+  const kx::CURI quoted(kx::String("file:///vms/a%22b.vmdk"));
+  EXPECT_EQ(test::caught([&] { zarn::CVMDKDisk::create(fs_.get(), quoted, 1, "", false, -1, -1, "", 0xFFFFFFFF, false); },
+                         kx::CError("none")).getMessage(),
+            "The main file's name can't be written into a VMDK descriptor: 'a\"b.vmdk'");
   for (const Case& c : cases) {
     const kx::CError error = test::caught(
         [&] { zarn::CVMDKDisk::create(fs_.get(), uri_, c.size, "", c.compressed, -1, c.limit, c.parent, c.parentCID, false); },
