@@ -138,7 +138,13 @@ TEST(DescriptorAccessorTest, HeaderDecidesWhereTheDescriptorIs) {
       {0x564D444B, 1, 0, 20, 5, "No VMDK descriptor found in VMDK file."},
       {0x564D444B, 1, 1, 0, 5, "No VMDK descriptor found in VMDK file."},
       {0x564D444B, 1, 1, 10241, 5, "VMDK descriptor is too big (5243392 bytes)."},
-      {0x564D444B, 1, 1, 0x0080000000000000ULL, 5, "No VMDK descriptor found in VMDK file."},
+      // The file is 23 sectors: the area may end at its end, not behind it.
+      {0x564D444B, 1, 1, 22, 0, ""},
+      {0x564D444B, 1, 1, 23, 5, "VMDK descriptor area lies beyond the end of the file."},
+      // 2^55 + 1 sectors are 512 bytes once wrapped round 64 bits (bit 279
+      // of the header flipped).
+      {0x564D444B, 1, 0x0080000000000001ULL, 20, 5, "VMDK descriptor area lies beyond the end of the file."},
+      {0x564D444B, 1, 1, 0x0080000000000001ULL, 5, "VMDK descriptor is too big (36028797018963969 sectors)."},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::Message() << c.version << " " << c.sizeSectors);
