@@ -13,6 +13,7 @@
 #include "kx/base.h"
 #include "kx/stream.h"
 #include "zarn/descriptor.h"
+#include "zarn/format_constants.h"
 
 namespace zarn {
 
@@ -23,7 +24,7 @@ namespace zarn {
 class CVMDKDescriptorAccessor : public kx::CBase {
  public:
   // The largest descriptor area that is read, in bytes.
-  static constexpr int64_t kMaxDescriptorSizeBytes = 0x500000;
+  static constexpr int64_t kMaxDescriptorSizeBytes = kVMDKMaxDescriptorSizeBytes;
 
   // Reads and parses the descriptor of the file behind `stream`, which must
   // not be null; the accessor keeps a reference to it. `access` is the one

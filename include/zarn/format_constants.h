@@ -28,6 +28,9 @@ constexpr int kVMDKGrainHeaderSize = 8 + 4;
 constexpr int kVMDKTrailSectors = 3;
 constexpr int kVMDKTrailSize = kVMDKTrailSectors * kSectorSize;  // 1536
 
+// The largest descriptor area, and the largest descriptor file, that is read.
+constexpr int64_t kVMDKMaxDescriptorSizeBytes = 0x500000;  // 5 MiB
+
 // Grain tables are loaded from the file this many at a time.
 constexpr int64_t kVMDKGrainTableBlockSize = 32;
 
