@@ -13,6 +13,9 @@
 // quota FSPROB_NO_SPACE, a lock held elsewhere FSPROB_LOCKED, a directory
 // where a file should be FSPROB_OTHER, anything else mostly FSPROB_IO.
 //
+// Only regular files open. Opening never waits: a FIFO, a device or a socket
+// is refused with FSPROB_OTHER and a message that names what it is.
+//
 // Streams are unbuffered: each read or write is a positional system call at
 // the stream's own position (pread/pwrite or their equivalents), so streams
 // on one file never disturb each other's positions. The length is kept by the
@@ -48,7 +51,8 @@ class CLocalFileSystem final : public CBase, public IFileSystem {
 
   // Access 1 opens read-only; 2 and 3 open for writing (3 also for reading)
   // and make a missing file with permissions 0644 less the process's umask.
-  // Opening a directory fails. The stream's getURI gives `uri` as passed.
+  // Opening anything but a regular file fails, without blocking. The
+  // stream's getURI gives `uri` as passed.
   P<IIOStream> openFile(const CURI& uri, IIOStream::Access access, int& flags) override;
   // True for an existing entry that isn't a directory; false also when the
   // name can't be examined. Raises for a URI that isn't local.
