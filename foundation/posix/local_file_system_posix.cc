@@ -324,8 +324,14 @@ std::string CLocalFileSystem::getLocalPath(const CURI& uri) {
     throw CFileSystemError(FSPROB_NOT_SUPPORTED, CError(String("Not a local file URI: ") + uri.toString(true),
                                                         String(), -1, makeURIProps(uri)));
   }
-  const std::string path = uri.getPath().toUTF8();
-  if (path.empty() || path[0] != '/' || path.find('\0') != std::string::npos) {
+  std::string path;
+  if (!uri.tryGetPathBytes(path)) {
+    throw CFileSystemError(FSPROB_BAD_NAME,
+                           CError(String("A name in the file URI holds an escaped \"/\" or zero byte: ") +
+                                      uri.toString(true),
+                                  String(), -1, makeURIProps(uri)));
+  }
+  if (path.empty() || path[0] != '/') {
     throw CFileSystemError(FSPROB_BAD_NAME, CError(String("Not an absolute file path: ") + uri.toString(true),
                                                    String(), -1, makeURIProps(uri)));
   }

@@ -1,10 +1,11 @@
 // kx::CLocalFileSystem: the files of the machine, reached by "file:" URIs.
 //
 // A URI names a local file when its scheme is "file" and its host is missing,
-// empty or "localhost"; its decoded path, as UTF-8 bytes, is the path handed
-// to the operating system, so a name with non-ASCII characters reaches the
-// disk as exactly those bytes. Other URIs raise kx::CFileSystemError
-// FSPROB_NOT_SUPPORTED; a path that isn't absolute raises FSPROB_BAD_NAME.
+// empty or "localhost"; the bytes that its path's escapes stand for are the
+// path handed to the operating system (CURI::tryGetPathBytes), so "%C3%A9"
+// reaches the disk as those two bytes and "%E9" as one. Other URIs raise
+// kx::CFileSystemError FSPROB_NOT_SUPPORTED; a path that isn't absolute, or
+// a segment with an escaped "/" or a zero byte, raises FSPROB_BAD_NAME.
 //
 // Errors of the operating system become kx::CFileSystemError: the message
 // names the operation and carries the system's own text, the properties hold
