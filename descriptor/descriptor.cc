@@ -82,8 +82,9 @@ size_t getLinePayload(uint32_t word) { return word & kPayloadMask; }
 // The written form of a line kept as text, without its "\n".
 std::string_view getLineText(const std::string& text, uint32_t word) {
   const size_t offset = getLinePayload(word);
-  const void* end = std::memchr(text.data() + offset, '\n', text.size() - offset);
-  return std::string_view(text.data() + offset, static_cast<size_t>(static_cast<const char*>(end) - text.data()) - offset);
+  const char* start = text.data() + offset;
+  const auto* end = static_cast<const char*>(std::memchr(start, '\n', text.size() - offset));
+  return std::string_view(start, static_cast<size_t>(end - start));
 }
 
 bool isASCII(std::string_view text) {

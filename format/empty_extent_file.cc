@@ -94,10 +94,12 @@ void checkLayout(bool compressed, int64_t grainCount, int64_t grainSizeSectors,
   }
   const int64_t descriptorSectors = descriptor ? descriptorSizeSectors : 0;
   if (descriptorSectors * kSectorSizeBytes > kVMDKMaxDescriptorSizeBytes) {
-    throwLayoutError("VMDK descriptor area too large", kx::CProps().add("descriptorSizeSectors", descriptorSectors));
+    throwLayoutError("VMDK descriptor area too large",
+                     kx::CProps().add("descriptorSizeSectors", descriptorSectors));
   }
   if (keyHash.getUsed() > static_cast<size_t>(CVMDKSparseExtentHeader::kMaxKeyHashSize)) {
-    throwLayoutError("VMDK key hash too long", kx::CProps().add("keyHashSize", static_cast<uint64_t>(keyHash.getUsed())));
+    throwLayoutError("VMDK key hash too long",
+                     kx::CProps().add("keyHashSize", static_cast<uint64_t>(keyHash.getUsed())));
   }
   const int64_t tables = (grainCount + kVMDKGrainTableEntryCount - 1) / kVMDKGrainTableEntryCount;
   const int64_t directorySectors = (tables * 4 + kSectorSize - 1) / kSectorSize;

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <type_traits>
 
 #include "kx/error.h"
@@ -58,7 +59,14 @@ void checkURI(const kx::CURI& uri) {
   const kx::CURI rebuilt(kx::String(), uri.getPath(), std::nullopt, std::nullopt, std::nullopt, -1, std::nullopt,
                          std::nullopt);
   std::string bytes;
-  if (uri.tryGetPathBytes(bytes)) check(pathBytesOf(rebuilt) == bytes);
+  if (uri.tryGetPathBytes(bytes)) {
+    check(pathBytesOf(rebuilt) == bytes);
+    // The name is the last segment of what a local file system is given.
+    std::string_view path = bytes;
+    if (!path.empty() && path.back() == '/') path.remove_suffix(1);
+    const size_t slash = path.rfind('/');
+    check(pathBytesOf(kx::CURI() << name) == path.substr(slash == std::string_view::npos ? 0 : slash + 1));
+  }
 
   const kx::CURI base(kx::String("file:///d/vms/disk.vmdk"));
   const kx::CURI resolved = base << uri;
