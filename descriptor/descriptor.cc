@@ -261,7 +261,9 @@ void CVMDKDescriptor::parseText(std::string_view text, bool latin1) {
   size_t count = static_cast<size_t>(std::count(text.begin(), text.end(), '\n')) + 1;
   if (text.empty() || text.back() == '\n') --count;
   lines_.clear();
-  lines_.reserve(count);
+  // A little room, so that the lines a store or a change of keys adds don't
+  // copy millions of words.
+  lines_.reserve(count + 16);
   text_.clear();
   // Latin-1 takes up to two bytes a character in UTF-8, and the written form
   // of a line up to three more than the file's (`ddb.x="` becomes
