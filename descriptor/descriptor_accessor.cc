@@ -57,12 +57,28 @@ void CVMDKDescriptorAccessor::readDescriptor() {
           kx::String("VMDK file has an unsupported version: ") + kx::String(std::to_string(version)),
           uriProps(stream));
     }
-    // Sector counts far beyond any file wrap here and are then refused as
-    // too small, too big or unreachable.
-    descriptorOffset_ = static_cast<int64_t>(header.getDescriptorOffsetSectors() * kSectorSizeBytes);
-    descriptorSize_ = static_cast<int64_t>(header.getDescriptorSizeSectors() * kSectorSizeBytes);
-    if (descriptorOffset_ < 1 || descriptorSize_ < 1) {
+    const uint64_t offsetSectors = header.getDescriptorOffsetSectors();
+    const uint64_t sizeSectors = header.getDescriptorSizeSectors();
+    if (offsetSectors < 1 || sizeSectors < 1) {
       throw kx::CIOError(kx::IOERR_DAMAGED_DATA, "No VMDK descriptor found in VMDK file.", uriProps(stream));
+    }
+    // Counted in sectors first: in bytes, a count far beyond any file would
+    // wrap round to a small one that looks right.
+    if (!tryVMDKSectorsToBytes(sizeSectors, descriptorSize_)) {
+      throw kx::CIOError(
+          kx::IOERR_DAMAGED_DATA,
+          kx::String("VMDK descriptor is too big (") + kx::String(std::to_string(sizeSectors)) + " sectors).",
+          uriProps(stream));
+    }
+    checkSize(stream);
+    const int64_t length = stream.getLength();
+    if (!tryVMDKSectorsToBytes(offsetSectors, descriptorOffset_) || descriptorOffset_ > length ||
+        descriptorSize_ > length - descriptorOffset_) {
+      throw kx::CIOError(kx::IOERR_DAMAGED_DATA, "VMDK descriptor area lies beyond the end of the file.",
+                         uriProps(stream)
+                             .add("descriptorOffsetSectors", offsetSectors)
+                             .add("descriptorSizeSectors", sizeSectors)
+                             .add("length", length));
     }
   } else {
     // Descriptor files are plain text, so not finding a header is the normal
@@ -72,17 +88,21 @@ void CVMDKDescriptorAccessor::readDescriptor() {
     embeddedInSparseExtentFile_ = false;
     descriptorOffset_ = 0;
     descriptorSize_ = stream.getLength();
+    checkSize(stream);
   }
+  kx::TBuffer<unsigned char> area(static_cast<size_t>(descriptorSize_));
+  stream.seek(descriptorOffset_);
+  stream.read(area.getData(), static_cast<int>(descriptorSize_));
+  descriptor_ = kx::create<CVMDKDescriptor>(area);
+}
+
+void CVMDKDescriptorAccessor::checkSize(kx::IIOStream& stream) const {
   if (descriptorSize_ > kMaxDescriptorSizeBytes) {
     throw kx::CIOError(
         kx::IOERR_DAMAGED_DATA,
         kx::String("VMDK descriptor is too big (") + kx::String(std::to_string(descriptorSize_)) + " bytes).",
         uriProps(stream));
   }
-  kx::TBuffer<unsigned char> area(static_cast<size_t>(descriptorSize_));
-  stream.seek(descriptorOffset_);
-  stream.read(area.getData(), static_cast<int>(descriptorSize_));
-  descriptor_ = kx::create<CVMDKDescriptor>(area);
 }
 
 uint32_t CVMDKDescriptorAccessor::changeContentID() {

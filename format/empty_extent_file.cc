@@ -57,6 +57,61 @@ void writeDirectory(kx::CDataOutStream& out, int32_t tableCount, int64_t firstTa
   }
 }
 
+// What the fields of a new file can hold. Directory words and grain
+// positions are 32-bit sector numbers, and the trail of a compressed extent
+// lies behind the head; a compressed grain's slot size is a 16-bit count of
+// sectors; a grain moves through the streams in one call, whose size is an
+// int.
+constexpr int64_t kMaxSectorNumber = 0xFFFFFFFF;
+constexpr int64_t kMaxSlotSectors = 0xFFFF;
+constexpr int64_t kMaxGrainSizeSectors = std::numeric_limits<int>::max() / kSectorSize;
+
+[[noreturn]] void throwLayoutError(const char* message, kx::CProps props) {
+  throw kx::CInvalidArgError("createEmptyVMDKSparseExtentFile", message, props);
+}
+
+// Refuses, before any file exists, every argument whose file could not be
+// written or whose numbers its own fields could not hold. Arithmetic stays
+// far from 64 bits: the grain size and the capacity are bounded first.
+void checkLayout(bool compressed, int64_t grainCount, int64_t grainSizeSectors,
+                 const kx::TBuffer<unsigned char>& zeros, const CVMDKDescriptor* descriptor,
+                 int64_t descriptorSizeSectors, const kx::TBuffer<unsigned char>& keyHash) {
+  if (grainCount < 0 || grainSizeSectors < 1 || zeros.getUsed() < static_cast<size_t>(kSectorSize) ||
+      (compressed && grainCount == 0) || (descriptor && descriptorSizeSectors < 0)) {
+    throwLayoutError("Invalid arguments for a new VMDK extent file",
+                     kx::CProps()
+                         .add("grainCount", grainCount)
+                         .add("grainSizeSectors", grainSizeSectors)
+                         .add("zerosSize", static_cast<uint64_t>(zeros.getUsed()))
+                         .add("compressed", compressed ? "true" : "false"));
+  }
+  if (grainSizeSectors > (compressed ? kMaxSlotSectors : kMaxGrainSizeSectors)) {
+    throwLayoutError("VMDK grain size too large", kx::CProps().add("grainSizeSectors", grainSizeSectors));
+  }
+  if (grainCount > INT64_MAX / kSectorSizeBytes / grainSizeSectors) {
+    throwLayoutError("VMDK extent capacity too large",
+                     kx::CProps().add("grainCount", grainCount).add("grainSizeSectors", grainSizeSectors));
+  }
+  const int64_t descriptorSectors = descriptor ? descriptorSizeSectors : 0;
+  if (descriptorSectors * kSectorSizeBytes > kVMDKMaxDescriptorSizeBytes) {
+    throwLayoutError("VMDK descriptor area too large",
+                     kx::CProps().add("descriptorSizeSectors", descriptorSectors));
+  }
+  if (keyHash.getUsed() > static_cast<size_t>(CVMDKSparseExtentHeader::kMaxKeyHashSize)) {
+    throwLayoutError("VMDK key hash too long",
+                     kx::CProps().add("keyHashSize", static_cast<uint64_t>(keyHash.getUsed())));
+  }
+  const int64_t tables = (grainCount + kVMDKGrainTableEntryCount - 1) / kVMDKGrainTableEntryCount;
+  const int64_t directorySectors = (tables * 4 + kSectorSize - 1) / kSectorSize;
+  const int64_t headSectors = compressed ? 4 + descriptorSectors + 3 * directorySectors + 13 * tables
+                                         : 1 + descriptorSectors + 2 * directorySectors + 8 * tables;
+  const int64_t overheadSectors = (headSectors + grainSizeSectors - 1) / grainSizeSectors * grainSizeSectors;
+  if (overheadSectors + (compressed ? kVMDKTrailSectors : 0) > kMaxSectorNumber) {
+    throwLayoutError("VMDK extent metadata too large",
+                     kx::CProps().add("grainCount", grainCount).add("grainSizeSectors", grainSizeSectors));
+  }
+}
+
 int32_t narrowTableCount(int64_t tableCount) {
   if (tableCount < 0 || tableCount > std::numeric_limits<int32_t>::max() / 4) {
     throw kx::CInvalidArgError("writeEmptyVMDKGrainDirectoryAndTables", "Invalid VMDK grain table count",
@@ -117,10 +172,6 @@ void writeEmptyFile(kx::IFileSystem* fileSystem, const kx::CURI& uri, bool compr
   writeZeros(*stream, rest, zeros);
 
   const int64_t overheadSectors = getStreamPositionVMDKSectors(*stream);
-  if (overheadSectors + 3 > static_cast<int64_t>(std::numeric_limits<uint32_t>::max())) {
-    throw kx::CInvalidArgError("createEmptyVMDKSparseExtentFile", "VMDK extent metadata too large",
-                               kx::CProps().add("grainCount", grainCount));
-  }
   header.setOverheadSectors(static_cast<uint64_t>(overheadSectors));
 
   if (compressed) {
@@ -174,15 +225,7 @@ void createEmptyVMDKSparseExtentFile(kx::IFileSystem* fileSystem, const kx::CURI
                                      int64_t grainCount, int64_t grainSizeSectors,
                                      const kx::TBuffer<unsigned char>& zeros, CVMDKDescriptor* descriptor,
                                      int64_t descriptorSizeSectors, const kx::TBuffer<unsigned char>& keyHash) {
-  if (grainCount < 0 || grainSizeSectors < 1 || zeros.getUsed() < static_cast<size_t>(kSectorSize) ||
-      (compressed && grainCount == 0) || (descriptor && descriptorSizeSectors < 0)) {
-    throw kx::CInvalidArgError("createEmptyVMDKSparseExtentFile", "Invalid arguments for a new VMDK extent file",
-                               kx::CProps()
-                                   .add("grainCount", grainCount)
-                                   .add("grainSizeSectors", grainSizeSectors)
-                                   .add("zerosSize", static_cast<uint64_t>(zeros.getUsed()))
-                                   .add("compressed", compressed ? "true" : "false"));
-  }
+  checkLayout(compressed, grainCount, grainSizeSectors, zeros, descriptor, descriptorSizeSectors, keyHash);
   try {
     writeEmptyFile(fileSystem, uri, compressed, grainCount, grainSizeSectors, zeros, descriptor,
                    descriptorSizeSectors, keyHash);

@@ -140,9 +140,13 @@ size_t getUTF8SequenceLength(std::string_view bytes, size_t pos, uint32_t* codeP
   return length;
 }
 
-// Bytes as text: UTF-8 where it is valid, a byte of no valid sequence as its
-// Latin-1 character.
-String bytesToString(std::string_view bytes) {
+// The one mapping between bytes (what escapes hold, what names a local file)
+// and text: valid UTF-8 reads as its characters, and every other byte b as
+// U+DC00 + b, a lone surrogate that no valid UTF-8 gives. Every byte string
+// has its own text, and textToBytes gives it back.
+constexpr uint32_t kByteEscapeBase = 0xDC00;
+
+String bytesToText(std::string_view bytes) {
   String result;
   size_t runStart = 0;
   size_t pos = 0;
@@ -154,14 +158,60 @@ String bytesToString(std::string_view bytes) {
       continue;
     }
     result += String::fromUTF8(bytes.data() + runStart, pos - runStart);
-    result += wxUniChar(static_cast<unsigned int>(static_cast<unsigned char>(bytes[pos])));
+    result += wxUniChar(kByteEscapeBase + static_cast<unsigned char>(bytes[pos]));
     runStart = ++pos;
   }
   result += String::fromUTF8(bytes.data() + runStart, pos - runStart);
   return result;
 }
 
-String percentDecode(std::string_view escaped) {
+// False for a character that no byte string reads as: a surrogate other than
+// an escaped byte, or a value above U+10FFFF; `*bad` gets that character.
+bool tryTextToBytes(const String& text, std::string& bytes, uint32_t* bad = nullptr) {
+  bytes.clear();
+  bytes.reserve(text.length());
+  for (const wxUniChar ch : text) {
+    const uint32_t c = ch.GetValue();
+    if (c < 0x80) {
+      bytes += static_cast<char>(c);
+    } else if (c < 0x800) {
+      bytes += static_cast<char>(0xC0 | (c >> 6));
+      bytes += static_cast<char>(0x80 | (c & 0x3F));
+    } else if (c >= kByteEscapeBase + 0x80 && c <= kByteEscapeBase + 0xFF) {
+      bytes += static_cast<char>(c - kByteEscapeBase);
+    } else if (c >= 0xD800 && c <= 0xDFFF) {
+      if (bad) *bad = c;
+      return false;
+    } else if (c < 0x10000) {
+      bytes += static_cast<char>(0xE0 | (c >> 12));
+      bytes += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+      bytes += static_cast<char>(0x80 | (c & 0x3F));
+    } else if (c <= 0x10FFFF) {
+      bytes += static_cast<char>(0xF0 | (c >> 18));
+      bytes += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+      bytes += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+      bytes += static_cast<char>(0x80 | (c & 0x3F));
+    } else {
+      if (bad) *bad = c;
+      return false;
+    }
+  }
+  return true;
+}
+
+// As tryTextToBytes, raising kx::CInvalidArgError instead: text that names
+// nothing must not turn into a shorter name that does.
+std::string textToBytes(const String& text) {
+  std::string bytes;
+  uint32_t bad = 0;
+  if (!tryTextToBytes(text, bytes, &bad)) {
+    throw CInvalidArgError(kContext, String::Format("Character U+%04X has no byte form in a URI", bad),
+                           CProps().add("character", bad));
+  }
+  return bytes;
+}
+
+std::string percentDecodeBytes(std::string_view escaped) {
   std::string bytes;
   bytes.reserve(escaped.size());
   for (size_t i = 0; i < escaped.size(); ++i) {
@@ -172,8 +222,10 @@ String percentDecode(std::string_view escaped) {
       bytes += escaped[i];
     }
   }
-  return bytesToString(bytes);
+  return bytes;
 }
+
+String percentDecode(std::string_view escaped) { return bytesToText(percentDecodeBytes(escaped)); }
 
 std::optional<String> percentDecodeOpt(const std::optional<String>& escaped) {
   if (!escaped) return std::nullopt;
@@ -353,9 +405,10 @@ bool isValidIPLiteral(std::string_view bracketed) {
   return isValidIPv6(inner) || isValidIPvFuture(inner);
 }
 
-std::string lastSegmentRemoved(const std::string& path) {
+// In place, so that a run of ".." costs what the segments it removes cost.
+void removeLastSegment(std::string& path) {
   const size_t slash = path.rfind('/');
-  return slash == std::string::npos ? std::string() : path.substr(0, slash);
+  path.resize(slash == std::string::npos ? 0 : slash);
 }
 
 // RFC 3986 section 5.2.4.
@@ -376,10 +429,10 @@ std::string removeDotSegments(std::string_view path) {
       input = "/", pos = 0;
     } else if (startsWith("/../")) {
       pos += 3;
-      output = lastSegmentRemoved(output);
+      removeLastSegment(output);
     } else if (rest() == "/..") {
       input = "/", pos = 0;
-      output = lastSegmentRemoved(output);
+      removeLastSegment(output);
     } else if (rest() == "." || rest() == "..") {
       pos = input.size();
     } else {
@@ -440,7 +493,7 @@ std::string escapeSegments(const std::vector<String>& pieces) {
   std::string out;
   for (size_t i = 0; i < pieces.size(); ++i) {
     if (i > 0) out += '/';
-    out += escape(pieces[i].toUTF8(), isSegmentChar);
+    out += escape(textToBytes(pieces[i]), isSegmentChar);
   }
   return out;
 }
@@ -450,7 +503,7 @@ std::string escapeSegments(const std::vector<String>& pieces) {
 // ---- Construction
 
 CURI::CURI(const String& text) {
-  const std::string s = text.toUTF8();
+  const std::string s = textToBytes(text);
   size_t pos = 0;
 
   const size_t firstDelimiter = s.find_first_of(":/?#");
@@ -523,7 +576,7 @@ CURI::CURI(const String& text) {
 CURI::CURI(const String& scheme, const String& path, const std::optional<String>& userName,
            const std::optional<String>& userAuthInfo, const std::optional<String>& host, int64_t port,
            const std::optional<String>& query, const std::optional<String>& fragment) {
-  const std::string schemeText = scheme.toUTF8();
+  const std::string schemeText = textToBytes(scheme);
   if (!schemeText.empty() && !isValidScheme(schemeText)) throwBadURI("Bad scheme in URI", schemeText);
   scheme_ = scheme;
   if (port < -1 || port > kMaxPort) {
@@ -531,13 +584,13 @@ CURI::CURI(const String& scheme, const String& path, const std::optional<String>
   }
   port_ = port;
 
-  if (userName) userNameEscaped_ = String(escape(userName->toUTF8(), isUserNameChar));
+  if (userName) userNameEscaped_ = String(escape(textToBytes(*userName), isUserNameChar));
   if (userAuthInfo) {
-    userAuthInfoEscaped_ = String(escape(userAuthInfo->toUTF8(), isUserInfoChar));
+    userAuthInfoEscaped_ = String(escape(textToBytes(*userAuthInfo), isUserInfoChar));
     if (!userNameEscaped_) userNameEscaped_ = String();
   }
   if (host) {
-    const std::string hostText = host->toUTF8();
+    const std::string hostText = textToBytes(*host);
     if (!hostText.empty() && hostText[0] == '[') {
       if (!isValidIPLiteral(hostText)) throwBadURI("Bad host in URI", hostText);
       hostEscaped_ = String(hostText);
@@ -548,15 +601,15 @@ CURI::CURI(const String& scheme, const String& path, const std::optional<String>
     hostEscaped_ = String();
   }
 
-  std::string pathText = escape(path.toUTF8(), isPathChar);
+  std::string pathText = escape(textToBytes(path), isPathChar);
   if (hostEscaped_ && !pathText.empty() && pathText[0] != '/') pathText.insert(0, "/");
   path_ = String(pathText);
 
   if (query) {
-    const std::string queryText = query->toUTF8();
+    const std::string queryText = textToBytes(*query);
     query_ = String(checkComponent(queryText, isQueryChar, true, queryText));
   }
-  if (fragment) fragmentEscaped_ = String(escape(fragment->toUTF8(), isQueryChar));
+  if (fragment) fragmentEscaped_ = String(escape(textToBytes(*fragment), isQueryChar));
   updateDecoded();
 }
 
@@ -566,7 +619,7 @@ CURI::CURI(const TPathImpl<CUnixPathTraits>& path, bool normalize) {
     scheme_ = "file";
     hostEscaped_ = String();
   }
-  path_ = String(escape(text.toUTF8(), isPathChar));
+  path_ = String(escape(textToBytes(text), isPathChar));
   updateDecoded();
 }
 
@@ -589,7 +642,7 @@ CURI::CURI(const TPathImpl<CWindowsPathTraits>& path, bool normalize) {
     const String root = text.Left(rootLength);
     if (root.StartsWith("\\\\")) {
       const std::vector<String> rootPieces = detail::splitAt(root.Mid(2), Traits::kSeparator);
-      hostEscaped_ = String(escape(rootPieces[0].toUTF8(), isRegNameChar));
+      hostEscaped_ = String(escape(textToBytes(rootPieces[0]), isRegNameChar));
       if (rootPieces.size() > 1 && !rootPieces[1].isEmpty()) pieces.insert(pieces.begin(), rootPieces[1]);
     } else if (rootLength == 2) {
       throw CInvalidArgError(kContext, "A drive-relative path has no URI",
@@ -653,10 +706,21 @@ bool CURI::isAbsolute() const { return !scheme_.isEmpty(); }
 String CURI::getPath() const { return percentDecode(path_.toUTF8()); }
 
 String CURI::getName() const {
-  String path = getPath();
-  if (path.EndsWith("/")) path.RemoveLast();
+  // Segment by segment on the escaped path, so that an escaped "/" stays
+  // inside its name, as operator<< puts it there.
+  const std::string escaped = path_.toUTF8();
+  std::string_view path = escaped;
+  if (!path.empty() && path.back() == '/') path.remove_suffix(1);
   const size_t slash = path.rfind('/');
-  return slash == String::npos ? path : String(path.Mid(slash + 1));
+  return percentDecode(slash == std::string_view::npos ? path : path.substr(slash + 1));
+}
+
+bool CURI::tryGetPathBytes(std::string& bytes) const {
+  const std::string escaped = path_.toUTF8();
+  bytes = percentDecodeBytes(escaped);
+  // Every "/" left must have stood unescaped in the text.
+  return std::count(bytes.begin(), bytes.end(), '/') == std::count(escaped.begin(), escaped.end(), '/') &&
+         bytes.find('\0') == std::string::npos;
 }
 
 String CURI::getTitle() const {
@@ -706,7 +770,7 @@ CURI CURI::operator<<(const String& childName) const {
   CURI result(*this);
   std::string path = path_.toUTF8();
   if (!path.empty() ? path.back() != '/' : hasAuthority()) path += '/';
-  path += escape(childName.toUTF8(), isSegmentChar);
+  path += escape(textToBytes(childName), isSegmentChar);
   result.path_ = String(path);
   result.query_.reset();
   result.fragmentEscaped_.reset();

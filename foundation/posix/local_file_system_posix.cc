@@ -73,6 +73,22 @@ int getFileSystemProblem(int error, bool locking) {
              String(), -1, props));
 }
 
+// What a file is, for the message that refuses it.
+const char* getFileTypeName(mode_t mode) {
+  if (S_ISDIR(mode)) return "a directory";
+  if (S_ISFIFO(mode)) return "a FIFO";
+  if (S_ISCHR(mode)) return "a character device";
+  if (S_ISBLK(mode)) return "a block device";
+  if (S_ISSOCK(mode)) return "a socket";
+  return "no regular file";
+}
+
+[[noreturn]] void throwNotRegularFile(const CURI& uri, mode_t mode) {
+  throw CFileSystemError(FSPROB_OTHER, CError(String("Opening the file failed (it is ") + getFileTypeName(mode) +
+                                                  ", not a regular file): " + uri.toString(true),
+                                              String(), -1, makeURIProps(uri)));
+}
+
 // The descriptor of one open; closed when the stream and all its locks are
 // gone, since the system drops the locks of an open with its last descriptor.
 class CFileHandle final : public CBase {
@@ -323,8 +339,14 @@ std::string CLocalFileSystem::getLocalPath(const CURI& uri) {
     throw CFileSystemError(FSPROB_NOT_SUPPORTED, CError(String("Not a local file URI: ") + uri.toString(true),
                                                         String(), -1, makeURIProps(uri)));
   }
-  const std::string path = uri.getPath().toUTF8();
-  if (path.empty() || path[0] != '/' || path.find('\0') != std::string::npos) {
+  std::string path;
+  if (!uri.tryGetPathBytes(path)) {
+    throw CFileSystemError(FSPROB_BAD_NAME,
+                           CError(String("A name in the file URI holds an escaped \"/\" or zero byte: ") +
+                                      uri.toString(true),
+                                  String(), -1, makeURIProps(uri)));
+  }
+  if (path.empty() || path[0] != '/') {
     throw CFileSystemError(FSPROB_BAD_NAME, CError(String("Not an absolute file path: ") + uri.toString(true),
                                                    String(), -1, makeURIProps(uri)));
   }
@@ -342,16 +364,32 @@ P<IIOStream> CLocalFileSystem::openFile(const CURI& uri, IIOStream::Access acces
                              makeURIProps(uri).add("access", int64_t{access}));
   }
   const std::string path = getLocalPath(uri);
+  // A FIFO would block the open until a writer or reader came, and a
+  // terminal could become ours: open without waiting, then look at what was
+  // opened. Only regular files are taken.
   int fd;
   do {
-    fd = ::open(path.c_str(), mode | O_CLOEXEC, kNewFileMode);
+    fd = ::open(path.c_str(), mode | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, kNewFileMode);
   } while (fd < 0 && errno == EINTR);
-  if (fd < 0) throwSystemError("Opening the file", errno, uri);
+  if (fd < 0) {
+    const int error = errno;
+    // A FIFO without a reader, a socket, a device without a driver.
+    struct stat named;
+    if (error == ENXIO && ::stat(path.c_str(), &named) == 0 && !S_ISREG(named.st_mode)) {
+      throwNotRegularFile(uri, named.st_mode);
+    }
+    throwSystemError("Opening the file", error, uri);
+  }
   P<CFileHandle> handle = create<CFileHandle>(fd);
   struct stat info;
   if (::fstat(fd, &info) < 0) throwSystemError("Opening the file", errno, uri);
   // A read-only open of a directory succeeds on POSIX systems.
   if (S_ISDIR(info.st_mode)) throwSystemError("Opening the file", EISDIR, uri);
+  if (!S_ISREG(info.st_mode)) throwNotRegularFile(uri, info.st_mode);
+  const int statusFlags = ::fcntl(fd, F_GETFL);
+  if (statusFlags < 0 || ::fcntl(fd, F_SETFL, statusFlags & ~O_NONBLOCK) < 0) {
+    throwSystemError("Opening the file", errno, uri);
+  }
   return P<IIOStream>::adopt(new CLocalFileStream(handle, uri, access, static_cast<int64_t>(info.st_size)));
 }
 

@@ -1,10 +1,11 @@
 // kx::CLocalFileSystem: the files of the machine, reached by "file:" URIs.
 //
 // A URI names a local file when its scheme is "file" and its host is missing,
-// empty or "localhost"; its decoded path, as UTF-8 bytes, is the path handed
-// to the operating system, so a name with non-ASCII characters reaches the
-// disk as exactly those bytes. Other URIs raise kx::CFileSystemError
-// FSPROB_NOT_SUPPORTED; a path that isn't absolute raises FSPROB_BAD_NAME.
+// empty or "localhost"; the bytes that its path's escapes stand for are the
+// path handed to the operating system (CURI::tryGetPathBytes), so "%C3%A9"
+// reaches the disk as those two bytes and "%E9" as one. Other URIs raise
+// kx::CFileSystemError FSPROB_NOT_SUPPORTED; a path that isn't absolute, or
+// a segment with an escaped "/" or a zero byte, raises FSPROB_BAD_NAME.
 //
 // Errors of the operating system become kx::CFileSystemError: the message
 // names the operation and carries the system's own text, the properties hold
@@ -12,6 +13,9 @@
 // FSPROB_NOT_FOUND, a refused permission FSPROB_ACCESS_DENIED, a full disk or
 // quota FSPROB_NO_SPACE, a lock held elsewhere FSPROB_LOCKED, a directory
 // where a file should be FSPROB_OTHER, anything else mostly FSPROB_IO.
+//
+// Only regular files open. Opening never waits: a FIFO, a device or a socket
+// is refused with FSPROB_OTHER and a message that names what it is.
 //
 // Streams are unbuffered: each read or write is a positional system call at
 // the stream's own position (pread/pwrite or their equivalents), so streams
@@ -49,7 +53,8 @@ class CLocalFileSystem final : public CBase, public IFileSystem {
 
   // Access 1 opens read-only; 2 and 3 open for writing (3 also for reading)
   // and make a missing file with permissions 0644 less the process's umask.
-  // Opening a directory fails. The stream's getURI gives `uri` as passed.
+  // Opening anything but a regular file fails, without blocking. The
+  // stream's getURI gives `uri` as passed.
   P<IIOStream> openFile(const CURI& uri, IIOStream::Access access, int& flags) override;
   // True for an existing entry that isn't a directory; false also when the
   // name can't be examined. Raises for a URI that isn't local.

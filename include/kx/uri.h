@@ -2,9 +2,23 @@
 //
 // Components are kept in their escaped (percent-encoded) form, as they stand
 // in the text; accessors without "Escaped" in their name give decoded text.
-// Decoded text is Unicode; percent-escapes are read as UTF-8 bytes, and a byte
-// that is no part of a valid UTF-8 sequence reads as the Latin-1 character.
 // An empty CURI has no component at all.
+//
+// Escapes stand for bytes, and one mapping turns bytes into text and back,
+// the same in every accessor, constructor and operator: valid UTF-8 reads as
+// its characters, and each byte of no valid UTF-8 sequence as U+DC00 plus
+// the byte (U+DC80 to U+DCFF, lone surrogates that valid UTF-8 never gives).
+// So "%FF" and "%C3%BF" are two names, and a name of any bytes can be read,
+// changed and written back. Text with a character that maps to no bytes (any
+// other surrogate, a value above U+10FFFF) is refused with
+// kx::CInvalidArgError wherever it is turned into a URI; it never shrinks to
+// another name. Such text turns into UTF-8 bytes only through this class.
+//
+// Segments are the units of names: getName, getParent and operator<< work on
+// the escaped segments, so an escaped "/" belongs to its segment. getPath
+// joins the decoded segments and can't show that difference; a file system
+// that makes local names from segments refuses a segment with an escaped "/"
+// or a zero byte (see tryGetPathBytes).
 //
 // Parsing is strict about the structure (scheme, authority, port, IP literals,
 // percent-escapes) and lenient about two kinds of characters that real file
@@ -17,6 +31,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
 
 #include "kx/string.h"
 
@@ -61,6 +76,10 @@ class CURI {
   const String& getScheme() const { return scheme_; }
   // Decoded path.
   String getPath() const;
+  // The bytes that the escaped path stands for, as a file system that names
+  // files by bytes takes them. False when a segment holds an escaped "/" or
+  // a zero byte, which can be no part of one name; `bytes` is then unusable.
+  bool tryGetPathBytes(std::string& bytes) const;
   const String& getEscapedPath() const { return path_; }
   const std::optional<String>& getUserNameOptRef() const { return userName_; }
   const std::optional<String>& getUserAuthInfoOptRef() const { return userAuthInfo_; }
@@ -90,7 +109,8 @@ class CURI {
 
   // Scheme and host lower-cased, dot segments removed, percent-escapes with
   // upper-case hex, escapes of unreserved characters decoded (RFC 3986
-  // section 6.2.2). A relative path keeps the ".." at its front. Never fails.
+  // section 6.2.2). A relative path keeps the ".." at its front. Never fails;
+  // takes time in proportion to the text.
   CURI toNormalized() const;
 
   // This URI taken as a folder, with a child name added as one segment: the

@@ -12,11 +12,19 @@
 // untouched.
 //
 // The text is decoded as the "encoding" key declares it (UTF-8 when it is
-// missing, Latin-1 for an unknown encoding or undecodable bytes) and always
-// stored as UTF-8.
+// missing, Latin-1 for an unknown encoding or for bytes that are no valid
+// UTF-8) and always stored as UTF-8.
+//
+// A descriptor may hold millions of lines (5 MiB of empty ones), so a line is
+// kept as four bytes plus its text until somebody asks for it as an object or
+// changes it; from then on that line is its object. Loading, storing and
+// toString take time and memory in proportion to the text.
 #pragma once
 
 #include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
 
 #include "kx/base.h"
 #include "kx/buffer.h"
@@ -80,7 +88,8 @@ class CVMDKDescriptor : public kx::CBase {
   // Parses the text in `data` up to its first zero byte (or all of it). Never
   // raises for any content: a line that fits nothing is a generic line. Logs
   // a warning when the declared encoding is unknown or the bytes don't decode
-  // in it, and reads the text as Latin-1 then.
+  // in it, and reads the text as Latin-1 then. Raises kx::CInvalidArgError
+  // for a text above 128 MiB (a descriptor area holds at most 5 MiB).
   explicit CVMDKDescriptor(const kx::TBuffer<unsigned char>& data);
   // Both copy and assignment are deep: the copy gets clones of every line and
   // shares no line object with the source.
@@ -95,8 +104,10 @@ class CVMDKDescriptor : public kx::CBase {
   // bytes of `padBuffer`, exactly `size` bytes in all, from the stream's
   // present position. Raises an internal kx::CError before writing anything
   // when the text is longer than `size` or `padBuffer` has fewer used bytes
-  // than the padding needs. Errors of the stream pass through; part of the
-  // bytes may then be written. The "encoding" change stays in either case.
+  // than the padding needs, and kx::CInvalidArgError when a line set through
+  // this interface holds a zero character or one without a UTF-8 form, which
+  // a reader could not get back. Errors of the stream pass through; part of
+  // the bytes may then be written. The "encoding" change stays in any case.
   void store(kx::IOutStream& stream, int size, const kx::TBuffer<unsigned char>& padBuffer);
 
   // As setValue("encoding", "UTF-8", true, true).
@@ -124,16 +135,19 @@ class CVMDKDescriptor : public kx::CBase {
   // cleared first. The objects are the document's own.
   void getExtentEntries(kx::TArray<kx::P<CVMDKExtentInfo>>& extents) const;
 
-  // The lines in document order; the objects are the document's own.
-  const kx::TArray<kx::P<CVMDKDescriptorEntry>>& getEntries() const { return entries_; }
+  // The lines in document order; the objects are the document's own. Every
+  // line becomes an object, so this costs memory by the line; the array is
+  // made anew by each call and holds until the next change of the document.
+  const kx::TArray<kx::P<CVMDKDescriptorEntry>>& getEntries() const;
   // Where the next header line goes: after a parse, one behind the last
   // name/value line that stands before the first extent line, or 0.
   int getHeaderInsertIndex() const { return headerInsertIndex_; }
 
   // Typed values. Getters of a missing key raise the not-found error of
   // getValue unless said otherwise; a value that doesn't parse raises the
-  // kx::CError of the parser. A setter replaces an existing value in place;
-  // a new key goes to the header, or for "ddb." keys to the end.
+  // kx::CError of the parser, and a number that doesn't fit the getter's type
+  // kx::CIOError code 5. A setter replaces an existing value in place; a new
+  // key goes to the header, or for "ddb." keys to the end.
   int getVersion() const;
   void setVersion(int version);
   // "CID": lower-case hex, no prefix or padding.
@@ -179,10 +193,29 @@ class CVMDKDescriptor : public kx::CBase {
   kx::P<CNameValueEntry> findValueEntry(const kx::String& name) const;
 
  private:
-  void parseText(const kx::String& text);
+  void parseText(std::string_view text, bool latin1);
+  // The index of the first name/value line called `name` (any case), or npos.
+  size_t findValueLine(const kx::String& name) const;
+  kx::String getLineValue(size_t index) const;
+  bool isExtentLine(size_t index) const;
+  // The object of line `index`, made from its text at the first call.
+  CVMDKDescriptorEntry* getLineObject(size_t index) const;
+  void insertLine(size_t index, const kx::P<CVMDKDescriptorEntry>& entry);
   void insertAtHeader(const kx::P<CVMDKDescriptorEntry>& entry);
+  // The whole text as UTF-8, each line ended by "\n". Gives npos, or the index
+  // of the first line whose object holds a character that no stored text can
+  // carry (then `out` is incomplete).
+  size_t getTextUTF8(std::string& out) const;
 
-  kx::TArray<kx::P<CVMDKDescriptorEntry>> entries_;
+  // One word a line, in document order: the top two bits give the kind of a
+  // line kept as text and the rest its offset in text_, or, with both bits
+  // clear, the rest is the index of the line's object in objects_.
+  mutable std::vector<uint32_t> lines_;
+  // The written form of every line kept as text, as UTF-8, each ended by
+  // "\n"; the text of a line that became an object stays unused.
+  std::string text_;
+  mutable kx::TArray<kx::P<CVMDKDescriptorEntry>> objects_;
+  mutable kx::TArray<kx::P<CVMDKDescriptorEntry>> entries_;  // getEntries' answer
   int headerInsertIndex_ = 0;
 };
 

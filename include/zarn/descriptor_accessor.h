@@ -13,6 +13,7 @@
 #include "kx/base.h"
 #include "kx/stream.h"
 #include "zarn/descriptor.h"
+#include "zarn/format_constants.h"
 
 namespace zarn {
 
@@ -23,16 +24,16 @@ namespace zarn {
 class CVMDKDescriptorAccessor : public kx::CBase {
  public:
   // The largest descriptor area that is read, in bytes.
-  static constexpr int64_t kMaxDescriptorSizeBytes = 0x500000;
+  static constexpr int64_t kMaxDescriptorSizeBytes = kVMDKMaxDescriptorSizeBytes;
 
   // Reads and parses the descriptor of the file behind `stream`, which must
   // not be null; the accessor keeps a reference to it. `access` is the one
   // the stream was opened with: only kx::IIOStream::ACCESS_READ_WRITE allows
   // changeContentID and storeDescriptor.
   // Raises kx::CIOError code 6 for a sparse extent header of a version other
-  // than 1 to 3, code 5 for a header without a descriptor area or an area
-  // above the limit; errors of the stream (such as a file shorter than four
-  // bytes) pass through. A file that is no sparse extent is taken for a
+  // than 1 to 3, code 5 for a header without a descriptor area, an area above
+  // the limit or an area that does not lie wholly inside the file; errors of
+  // the stream (such as a file shorter than four bytes) pass through. A file that is no sparse extent is taken for a
   // descriptor file; nothing refuses its content.
   CVMDKDescriptorAccessor(kx::IIOStream* stream, kx::IIOStream::Access access);
   ~CVMDKDescriptorAccessor() override;
@@ -57,6 +58,8 @@ class CVMDKDescriptorAccessor : public kx::CBase {
 
  private:
   void readDescriptor();
+  // Refuses an area above the limit.
+  void checkSize(kx::IIOStream& stream) const;
 
   kx::P<kx::IIOStream> stream_;
   kx::IIOStream::Access access_;

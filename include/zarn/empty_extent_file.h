@@ -30,9 +30,13 @@ class CVMDKDescriptor;
 // fewer writes. A file of that name should not exist.
 //
 // On any failure the half-made file is deleted (a failing delete is logged)
-// and the first error goes on to the caller. Raises kx::CInvalidArgError on a
-// negative grain count, a grain size below 1, a `zeros` buffer below 512
-// bytes, and a compressed extent without grains.
+// and the first error goes on to the caller. Raises kx::CInvalidArgError,
+// before any file is made, on a negative grain count, a grain size below 1,
+// a `zeros` buffer below 512 bytes, a compressed extent without grains, and
+// whatever the file's own fields could not hold: a grain above 2 GiB (above
+// 65535 sectors when compressed, as slot sizes are 16 bits), a capacity above
+// 2^63 bytes, directories or a head that reach past sector 2^32 - 1, a
+// descriptor area above 5 MiB, a key hash above 427 bytes.
 void createEmptyVMDKSparseExtentFile(kx::IFileSystem* fileSystem, const kx::CURI& uri, bool compressed,
                                      int64_t grainCount, int64_t grainSizeSectors,
                                      const kx::TBuffer<unsigned char>& zeros, CVMDKDescriptor* descriptor,

@@ -36,8 +36,20 @@ constexpr int kVMDKTrailSize = kVMDKTrailSectors * kSectorSize;  // 1536
 // compressed form must fit the 32-bit sizes of reads, writes and compressors.
 constexpr int64_t kVMDKMaxGrainSizeSectors = 65536;
 
+// The largest descriptor area, and the largest descriptor file, that is read.
+constexpr int64_t kVMDKMaxDescriptorSizeBytes = 0x500000;  // 5 MiB
+
 // Grain tables are loaded from the file this many at a time.
 constexpr int64_t kVMDKGrainTableBlockSize = 32;
+
+// A sector number or count read from a file, in bytes. False when the bytes
+// would not fit a signed 64-bit position: such a value lies beyond any file,
+// and multiplying it out would wrap to a small, plausible one.
+constexpr bool tryVMDKSectorsToBytes(uint64_t sectors, int64_t& bytes) {
+  if (sectors > static_cast<uint64_t>(INT64_MAX / kSectorSizeBytes)) return false;
+  bytes = static_cast<int64_t>(sectors) * kSectorSizeBytes;
+  return true;
+}
 
 // Little-endian words in memory; the packing itself lives in kx.
 inline uint16_t readLE16(const unsigned char* p) { return static_cast<uint16_t>(kx::loadLittleEndian(p, 2)); }

@@ -11,6 +11,7 @@
 #include "kx/buffer_stream.h"
 #include "kx/error.h"
 #include "kx/parse.h"
+#include "tests/support/caught_error.h"
 #include "tests/support/log_capture.h"
 
 namespace {
@@ -248,7 +249,12 @@ TEST(DescriptorTest, TypedAccessorsWriteAndReadTheirKeys) {
   EXPECT_THROW(d->getContentID(), kx::CError);
   EXPECT_EQ(d->getParentContentID(), 0x1au);
   EXPECT_THROW(d->getKxEncryptionIV(), kx::CError);
-  EXPECT_EQ(parse("CID=1ffffffff\n")->getContentID(), 0xffffffffu);
+  // A number beyond its type is damaged data, never cut down to fit.
+  d = parse("version=4294967297\nCID=1ffffffff\nparentCID=0x100000000\n");
+  EXPECT_EQ(test::ioErrorCode([&] { d->getVersion(); }), 5);
+  EXPECT_EQ(test::ioErrorCode([&] { d->getContentID(); }), 5);
+  EXPECT_EQ(test::ioErrorCode([&] { d->getParentContentID(); }), 5);
+  EXPECT_EQ(parse("version=-2147483648\n")->getVersion(), -2147483647 - 1);
 }
 
 TEST(DescriptorTest, DecodingFollowsTheDeclaredEncoding) {
@@ -267,11 +273,22 @@ TEST(DescriptorTest, DecodingFollowsTheDeclaredEncoding) {
       {"n=\"\xe9\"\n", L"\u00e9", "Ignoring VMDK descriptor decoding error (encoding: ''. " + latin1},
       {"encoding=\"UTF-8\"\nn=\"\xff\xfe\"\n", L"\u00ff\u00fe",
        "Ignoring VMDK descriptor decoding error (encoding: 'UTF-8'. " + latin1},
+      // Forms that some decoders take but that have no UTF-8 to store back:
+      // above U+10FFFF, overlong zeros, a surrogate.
+      {"n=\"\xf4\x90\x80\x80\"\n", L"\u00f4\u0090\u0080\u0080",
+       "Ignoring VMDK descriptor decoding error (encoding: ''. " + latin1},
+      {"n=\"\xe0\x80\x80\xf0\x80\x80\x80\"\n", L"\u00e0\u0080\u0080\u00f0\u0080\u0080\u0080",
+       "Ignoring VMDK descriptor decoding error (encoding: ''. " + latin1},
+      {"n=\"\xed\xa0\x80\"\n", L"\u00ed\u00a0\u0080",
+       "Ignoring VMDK descriptor decoding error (encoding: ''. " + latin1},
   };
+  const kx::TBuffer<unsigned char> zeros(256);
   for (const auto& c : cases) {
     SCOPED_TRACE(c.input);
     test::CLogCapture log;
-    EXPECT_EQ(parse(c.input)->getValue("n"), kx::String(c.name));
+    kx::P<CVMDKDescriptor> d = parse(c.input);
+    EXPECT_EQ(d->getValue("n"), kx::String(c.name));
+    EXPECT_EQ(parse(store(*d, 256, zeros))->getValue("n"), kx::String(c.name));
     ASSERT_EQ(log.lines.size(), c.warning.empty() ? 0u : 1u);
     if (!c.warning.empty()) {
       EXPECT_EQ(log.lines[0].level, kx::LogLevel::Warning);
@@ -305,6 +322,14 @@ TEST(DescriptorTest, StoreRefusesBeforeWritingAnythingAndPadsWithTheBuffer) {
     EXPECT_EQ(bytesOf(padded), bytes) << size;
   }
   EXPECT_THROW(zarn::vmdkWritePadding(stream, 1, kx::TBuffer<unsigned char>()), kx::CError);
+
+  // A character that a reader could not get back stops the store before it
+  // writes: a zero ends the text, and U+110000 has no UTF-8 form.
+  for (const unsigned bad : {0u, 0x110000u}) {
+    d->setValue("a", kx::String(wxString(wxUniChar(bad), 1)), false, true);
+    EXPECT_THROW(d->store(stream, 64, kx::TBuffer<unsigned char>(64)), kx::CInvalidArgError) << bad;
+    EXPECT_EQ(stream.getLength(), 0);
+  }
 }
 
 }  // namespace

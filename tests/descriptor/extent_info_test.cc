@@ -26,6 +26,8 @@ TEST(ExtentInfoTest, ParsesExtentLinesAndWritesThemInOneForm) {
       {" 8 SPARSE \"x\"", "|8|SPARSE|x|-1", nullptr},
       {"RW 8 SPARSE \t\"x\"\t", "RW|8|SPARSE|x|-1", "RW 8 SPARSE \"x\""},
       {"RW 8 SPARSE \"C:\\VMs\\x.vmdk\"", "RW|8|SPARSE|C:\\VMs\\x.vmdk|-1", nullptr},
+      {"RW 9223372036854775807 S \"x\" -9223372036854775808", "RW|9223372036854775807|S|x|-9223372036854775808",
+       nullptr},
   };
   for (const auto& c : cases) {
     kx::P<CVMDKExtentInfo> e = CVMDKExtentInfo::tryParseDescriptorLine(c.line);
@@ -50,6 +52,7 @@ TEST(ExtentInfoTest, OtherLinesAreNoExtentsAndLogNothing) {
                          "RW\t2048 SPARSE \"a.vmdk\"",
                          "RW 2048\tSPARSE \"a.vmdk\"",
                          "RW 99999999999999999999 SPARSE \"a.vmdk\"",
+                         "RW 8 SPARSE \"a.vmdk\" 9223372036854775808",
                          "# Extent description"};
   test::CLogCapture log;
   for (const char* line : lines) EXPECT_FALSE(CVMDKExtentInfo::tryParseDescriptorLine(line)) << line;

@@ -138,13 +138,42 @@ TEST_F(EmptyExtentFileTest, DescriptorIsEmbeddedAndReadsBack) {
   // deletes the half-made one.
   EXPECT_THROW(create(true, 0), kx::CInvalidArgError);
   test::writeFileBytes(*fs_, uri_, Bytes{1, 2, 3});
-  for (const auto& [grains, grainSize, zerosSize] :
-       {std::tuple{16, 128, 100}, {-1, 128, 512}, {16, 0, 512}}) {
-    EXPECT_THROW(zarn::createEmptyVMDKSparseExtentFile(fs_.get(), uri_, false, grains, grainSize,
-                                                       kx::TBuffer<unsigned char>(zerosSize), nullptr, 0, {}),
+  const struct {
+    bool compressed;
+    int64_t grains;
+    int64_t grainSize;
+    size_t zerosSize;
+    int64_t descriptorSectors;  // 0: no descriptor
+    size_t keyHashSize;
+  } cases[] = {
+      {false, 16, 128, 100, 0, 0},
+      {false, -1, 128, 4096, 0, 0},
+      {false, 16, 0, 4096, 0, 0},
+      {true, 0, 128, 4096, 0, 0},
+      {false, 1, int64_t{1} << 60, 4096, 0, 0},   // the grain's bytes wrap round 64 bits
+      {false, 1, 4194304, 4096, 0, 0},             // a 2 GiB grain
+      {true, 1, 65536, 4096, 0, 0},                // a slot size beyond 16 bits
+      {false, int64_t{1} << 41, 128, 4096, 0, 0},  // 2^32 tables
+      {false, INT64_MAX, 1, 4096, 0, 0},           // the capacity wraps round 64 bits
+      {false, 512 * ((int64_t{1} << 29) - 1), 1, 4096, 0, 0},  // tables past sector 2^32 - 1
+      {true, int64_t{512} * 329787530, 5, 4096, 0, 0},           // the trail past sector 2^32 - 1
+      {false, 16, 128, 4096, 10241, 0},                          // a descriptor area above 5 MiB
+      {false, 16, 128, 4096, 0, 428},                            // a key hash beyond the header
+  };
+  // Any open fails: an argument that slipped through shows as that failure,
+  // not as a file of terabytes.
+  auto noOpen = kx::create<test::CFaultInjectionFileSystem>(fs_);
+  noOpen->failNth(test::FileOp::Open, 1, true);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.grains << " grains of " << c.grainSize);
+    EXPECT_THROW(zarn::createEmptyVMDKSparseExtentFile(noOpen.get(), uri_, c.compressed, c.grains, c.grainSize,
+                                                       kx::TBuffer<unsigned char>(c.zerosSize),
+                                                       c.descriptorSectors ? &descriptor : nullptr,
+                                                       c.descriptorSectors, kx::TBuffer<unsigned char>(c.keyHashSize)),
                  kx::CInvalidArgError);
   }
   EXPECT_EQ(test::readFileBytes(*fs_, uri_), (Bytes{1, 2, 3}));
+
   descriptor.setValue("ddb.comment", kx::String('x', 600), true, false);
   test::CLogCapture log;
   EXPECT_THROW(create(false, 16, 128, &descriptor, 1), kx::CError);

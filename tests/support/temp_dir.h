@@ -30,8 +30,10 @@ class CTempDir {
   const std::string& getPath() const { return path_; }
   // The folder as a "file:" URI ending in "/", so that `<< name` gives a child.
   kx::CURI getURI() const { return kx::CURI(kx::CUnixPath(kx::String::fromUTF8(path_ + "/")), false); }
-  // The URI of a file in the folder.
-  kx::CURI getFileURI(const std::string& name) const { return getURI() << kx::String::fromUTF8(name); }
+  // The URI of a file in the folder; "/" in `name` leads into sub-folders.
+  kx::CURI getFileURI(const std::string& name) const {
+    return getURI() << kx::CURI(kx::CUnixPath(kx::String::fromUTF8(name)), false);
+  }
 
  private:
   std::string path_;
