@@ -3,17 +3,22 @@
 #include "zarn/disk.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <functional>
 #include <string>
 #include <vector>
 
+#include "kx/local_file_system.h"
 #include "kx/memory_file_system.h"
 #include "kx/parse.h"
 #include "tests/support/caught_error.h"
 #include "tests/support/fault_injection_file_system.h"
 #include "tests/support/file_bytes.h"
 #include "tests/support/grain_data.h"
+#include "tests/support/temp_dir.h"
 
 namespace {
 
@@ -313,6 +318,37 @@ TEST_F(DiskTest, ATamperedKeyHashIsAWrongPassword) {
   disk = nullptr;
   const kx::CError error = test::caught([&] { open(kx::IIOStream::ACCESS_READ, "secret"); }, kx::CError("none"));
   EXPECT_EQ(error.getMessage(), "Specified VMDK encryption password is not correct.");
+}
+
+}  // namespace
+
+namespace {
+
+// A writer in another process holds the disk until it ends, also when it is
+// killed; the lock file it leaves behind doesn't keep others out.
+TEST(DiskProcessTest, AWriterInAnotherProcessHoldsTheDiskUntilItDies) {
+  test::CTempDir dir;
+  auto fs = kx::create<kx::CLocalFileSystem>();
+  const kx::CURI uri = dir.getFileURI("disk.vmdk");
+  zarn::CVMDKDisk::create(fs.get(), uri, 1, "", false, -1, -1, "", 0xFFFFFFFF, false);
+  int ready[2];
+  ASSERT_EQ(::pipe(ready), 0);
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    auto disk = kx::create<zarn::CVMDKDisk>(kx::create<kx::CLocalFileSystem>().get(), uri,
+                                            kx::IIOStream::ACCESS_READ_WRITE, "");
+    ::write(ready[1], "x", 1);
+    ::pause();  // holds the disk until killed
+    ::_exit(0);
+  }
+  char byte;
+  ASSERT_EQ(::read(ready[0], &byte, 1), 1);
+  EXPECT_THROW(kx::create<zarn::CVMDKDisk>(fs.get(), uri, kx::IIOStream::ACCESS_READ_WRITE, ""), kx::CLockFileError);
+  ::kill(pid, SIGKILL);
+  ::waitpid(pid, nullptr, 0);
+  EXPECT_NO_THROW(kx::create<zarn::CVMDKDisk>(fs.get(), uri, kx::IIOStream::ACCESS_READ_WRITE, ""));
+  ::close(ready[0]);
+  ::close(ready[1]);
 }
 
 }  // namespace
