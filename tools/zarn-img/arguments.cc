@@ -5,9 +5,9 @@
 
 namespace zarn_img {
 
-CArguments::CArguments(const std::string& command, const std::vector<COptionSpec>& specs,
+CArguments::CArguments(const std::string& command, const std::vector<COptionDef>& definitions,
                        const std::vector<std::string>& args)
-    : command_(command), specs_(specs) {
+    : command_(command), definitions_(definitions) {
   bool optionsEnded = false;
   for (size_t i = 0; i < args.size(); ++i) {
     const std::string& arg = args[i];
@@ -26,16 +26,16 @@ CArguments::CArguments(const std::string& command, const std::vector<COptionSpec
         wantsHelp_ = true;
         continue;
       }
-      const COptionSpec* spec = findLong(name);
-      if (!spec) throw CUsageError(command_, "unrecognized option '--" + name + "'");
-      if (!spec->takesValue) {
+      const COptionDef* definition = findLong(name);
+      if (!definition) throw CUsageError(command_, "unrecognized option '--" + name + "'");
+      if (!definition->takesValue) {
         if (eq != std::string::npos) throw CUsageError(command_, "option '--" + name + "' doesn't allow an argument");
-        setValue(*spec, std::string());
+        setValue(*definition, std::string());
       } else if (eq != std::string::npos) {
-        setValue(*spec, arg.substr(eq + 1));
+        setValue(*definition, arg.substr(eq + 1));
       } else {
         if (i + 1 >= args.size()) throw CUsageError(command_, "option '--" + name + "' requires an argument");
-        setValue(*spec, args[++i]);
+        setValue(*definition, args[++i]);
       }
       continue;
     }
@@ -44,43 +44,43 @@ CArguments::CArguments(const std::string& command, const std::vector<COptionSpec
         wantsHelp_ = true;
         continue;
       }
-      const COptionSpec* spec = findShort(arg[k]);
-      if (!spec) throw CUsageError(command_, std::string("invalid option -- '") + arg[k] + "'");
-      if (!spec->takesValue) {
-        setValue(*spec, std::string());
+      const COptionDef* definition = findShort(arg[k]);
+      if (!definition) throw CUsageError(command_, std::string("invalid option -- '") + arg[k] + "'");
+      if (!definition->takesValue) {
+        setValue(*definition, std::string());
         continue;
       }
       if (k + 1 < arg.size()) {
-        setValue(*spec, arg.substr(k + 1));
+        setValue(*definition, arg.substr(k + 1));
       } else {
         if (i + 1 >= args.size()) throw CUsageError(command_, std::string("option requires an argument -- '") + arg[k] + "'");
-        setValue(*spec, args[++i]);
+        setValue(*definition, args[++i]);
       }
       break;
     }
   }
 }
 
-const COptionSpec* CArguments::findLong(const std::string& name) const {
-  for (const COptionSpec& spec : specs_) {
-    if (name == spec.longName) return &spec;
+const COptionDef* CArguments::findLong(const std::string& name) const {
+  for (const COptionDef& definition : definitions_) {
+    if (name == definition.longName) return &definition;
   }
   return nullptr;
 }
 
-const COptionSpec* CArguments::findShort(char name) const {
-  for (const COptionSpec& spec : specs_) {
-    if (spec.shortName != 0 && spec.shortName == name) return &spec;
+const COptionDef* CArguments::findShort(char name) const {
+  for (const COptionDef& definition : definitions_) {
+    if (definition.shortName != 0 && definition.shortName == name) return &definition;
   }
   return nullptr;
 }
 
-void CArguments::setValue(const COptionSpec& spec, const std::string& value) {
-  auto it = values_.find(spec.longName);
-  if (it != values_.end() && spec.repeatable && !value.empty()) {
+void CArguments::setValue(const COptionDef& definition, const std::string& value) {
+  auto it = values_.find(definition.longName);
+  if (it != values_.end() && definition.repeatable && !value.empty()) {
     it->second += "," + value;
   } else {
-    values_[spec.longName] = value;
+    values_[definition.longName] = value;
   }
 }
 

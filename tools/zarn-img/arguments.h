@@ -23,7 +23,7 @@ class CUsageError : public std::runtime_error {
   std::string command_;
 };
 
-struct COptionSpec {
+struct COptionDef {
   char shortName;        // 0 for none
   const char* longName;  // the key under which the value is kept
   bool takesValue;
@@ -37,7 +37,7 @@ struct COptionSpec {
 // missing value, or a value given to a flag.
 class CArguments {
  public:
-  CArguments(const std::string& command, const std::vector<COptionSpec>& specs,
+  CArguments(const std::string& command, const std::vector<COptionDef>& definitions,
              const std::vector<std::string>& args);
 
   bool wantsHelp() const { return wantsHelp_; }
@@ -51,12 +51,12 @@ class CArguments {
   const std::string& command() const { return command_; }
 
  private:
-  const COptionSpec* findLong(const std::string& name) const;
-  const COptionSpec* findShort(char name) const;
-  void setValue(const COptionSpec& spec, const std::string& value);
+  const COptionDef* findLong(const std::string& name) const;
+  const COptionDef* findShort(char name) const;
+  void setValue(const COptionDef& definition, const std::string& value);
 
   std::string command_;
-  std::vector<COptionSpec> specs_;
+  std::vector<COptionDef> definitions_;
   std::map<std::string, std::string> values_;
   std::vector<std::string> positional_;
   bool wantsHelp_ = false;

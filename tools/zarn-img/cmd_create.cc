@@ -15,10 +15,10 @@ const char* const kCommonHelp =
     "Passwords come from --password-file, else from the environment variable\n"
     "ZARN_PASSWORD, else from a prompt on the terminal; never from an argument.\n";
 
-std::vector<COptionSpec> withCommonOptions(std::vector<COptionSpec> specs) {
-  specs.push_back({0, "password-file", true, false});
-  specs.push_back({0, "confine", true, false});
-  return specs;
+std::vector<COptionDef> withCommonOptions(std::vector<COptionDef> definitions) {
+  definitions.push_back({0, "password-file", true, false});
+  definitions.push_back({0, "confine", true, false});
+  return definitions;
 }
 
 void applyCommonOptions(CToolContext& context, const CArguments& arguments, const std::string& optionsConfine) {

@@ -23,7 +23,7 @@ int runCheck(CToolContext& context, const Args& args);
 int runRebase(CToolContext& context, const Args& args);
 
 // --password-file and --confine, which every command that opens a disk takes.
-std::vector<COptionSpec> withCommonOptions(std::vector<COptionSpec> specs);
+std::vector<COptionDef> withCommonOptions(std::vector<COptionDef> definitions);
 // Applies them; `optionsConfine` is a confine= of -o, which wins.
 void applyCommonOptions(CToolContext& context, const CArguments& arguments,
                         const std::string& optionsConfine = std::string());
