@@ -2,6 +2,8 @@
 
 #include <limits>
 
+#include "foundation/kx/utf8.h"
+
 namespace zarn {
 namespace {
 
@@ -172,26 +174,7 @@ void appendAsUTF8(std::string& out, std::string_view bytes, bool latin1) {
 bool tryAppendUTF8(std::string& out, const kx::String& text) {
   const size_t start = out.size();
   for (const wxUniChar ch : text) {
-    const uint32_t c = ch.GetValue();
-    if (c < 0x80) {
-      out += static_cast<char>(c);
-    } else if (c < 0x800) {
-      out += static_cast<char>(0xC0 | (c >> 6));
-      out += static_cast<char>(0x80 | (c & 0x3F));
-    } else if (c < 0x10000) {
-      if (c >= 0xD800 && c <= 0xDFFF) {
-        out.resize(start);
-        return false;
-      }
-      out += static_cast<char>(0xE0 | (c >> 12));
-      out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-      out += static_cast<char>(0x80 | (c & 0x3F));
-    } else if (c <= 0x10FFFF) {
-      out += static_cast<char>(0xF0 | (c >> 18));
-      out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-      out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-      out += static_cast<char>(0x80 | (c & 0x3F));
-    } else {
+    if (!kx::appendUTF8(out, ch.GetValue())) {
       out.resize(start);
       return false;
     }

@@ -5,6 +5,8 @@
 #include <string_view>
 #include <vector>
 
+#include "foundation/kx/utf8.h"
+
 #include "foundation/kx/split.h"
 #include "kx/error.h"
 #include "kx/path.h"
@@ -172,26 +174,9 @@ bool tryTextToBytes(const String& text, std::string& bytes, uint32_t* bad = null
   bytes.reserve(text.length());
   for (const wxUniChar ch : text) {
     const uint32_t c = ch.GetValue();
-    if (c < 0x80) {
-      bytes += static_cast<char>(c);
-    } else if (c < 0x800) {
-      bytes += static_cast<char>(0xC0 | (c >> 6));
-      bytes += static_cast<char>(0x80 | (c & 0x3F));
-    } else if (c >= kByteEscapeBase + 0x80 && c <= kByteEscapeBase + 0xFF) {
+    if (c >= kByteEscapeBase + 0x80 && c <= kByteEscapeBase + 0xFF) {
       bytes += static_cast<char>(c - kByteEscapeBase);
-    } else if (c >= 0xD800 && c <= 0xDFFF) {
-      if (bad) *bad = c;
-      return false;
-    } else if (c < 0x10000) {
-      bytes += static_cast<char>(0xE0 | (c >> 12));
-      bytes += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-      bytes += static_cast<char>(0x80 | (c & 0x3F));
-    } else if (c <= 0x10FFFF) {
-      bytes += static_cast<char>(0xF0 | (c >> 18));
-      bytes += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-      bytes += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-      bytes += static_cast<char>(0x80 | (c & 0x3F));
-    } else {
+    } else if (!appendUTF8(bytes, c)) {
       if (bad) *bad = c;
       return false;
     }
