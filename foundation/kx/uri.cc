@@ -5,9 +5,8 @@
 #include <string_view>
 #include <vector>
 
-#include "foundation/kx/utf8.h"
-
 #include "foundation/kx/split.h"
+#include "foundation/kx/utf8.h"
 #include "kx/error.h"
 #include "kx/path.h"
 
