@@ -291,23 +291,30 @@ void CVMDKDisk::beginIOOp(int64_t bytes, kx::P<IVMDKExtentFile>& extent, int64_t
   extent = currentExtent_;
 }
 
+// Cuts `bytes` from the position at extent borders: a request that crosses
+// an extent's end is one more round, which closes that extent and opens the
+// next. The position counts the rounds that were done.
+template <class Piece>
+void CVMDKDisk::forEachExtentPiece(int64_t bytes, Piece piece) {
+  for (int64_t done = 0; done < bytes;) {
+    kx::P<IVMDKExtentFile> extent;
+    int64_t available = 0;
+    beginIOOp(bytes - done, extent, available);
+    piece(*extent, done, static_cast<int>(available));
+    position_ += available;
+    done += available;
+  }
+}
+
 void CVMDKDisk::read(void* buffer, int bytes) {
   if (int64_t{bytes} + position_ > sizeBytes_) {
     throw kx::CIOError(kx::IOERR_READ_PAST_END, "Read exceeds VMDK disk size.",
                        mainProps().add("position", position_).add("bytesToRead", bytes));
   }
   auto* out = static_cast<unsigned char*>(buffer);
-  int64_t left = bytes;
-  while (left > 0) {
-    kx::P<IVMDKExtentFile> extent;
-    int64_t available = 0;
-    beginIOOp(left, extent, available);
-    extent->read(out, static_cast<int>(available));
-    position_ += available;
-    out += available;
-    left -= available;
-  }
+  forEachExtentPiece(bytes, [&](IVMDKExtentFile& extent, int64_t done, int count) { extent.read(out + done, count); });
 }
+
 
 void CVMDKDisk::write(const void* buffer, int bytes) {
   if (int64_t{bytes} + position_ > sizeBytes_) {
@@ -318,16 +325,7 @@ void CVMDKDisk::write(const void* buffer, int bytes) {
     throw kx::CError("Internal error: CVMDKDisk::write was called, but the disk was not opened for writing.");
   }
   const auto* in = static_cast<const unsigned char*>(buffer);
-  int64_t left = bytes;
-  while (left > 0) {
-    kx::P<IVMDKExtentFile> extent;
-    int64_t available = 0;
-    beginIOOp(left, extent, available);
-    extent->write(in, static_cast<int>(available));
-    position_ += available;
-    in += available;
-    left -= available;
-  }
+  forEachExtentPiece(bytes, [&](IVMDKExtentFile& extent, int64_t done, int count) { extent.write(in + done, count); });
 }
 
 void CVMDKDisk::seek(int64_t position) {

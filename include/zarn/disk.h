@@ -153,6 +153,8 @@ class CVMDKDisk : public kx::CBase {
   // beginIOOp for a whole grain at the position; an internal error if the
   // extent can't serve all of it.
   kx::P<IVMDKExtentFile> beginWholeGrain(const char* operation);
+  template <class Piece>
+  void forEachExtentPiece(int64_t bytes, Piece piece);
 
   kx::P<kx::IFileSystem> fileSystem_;
   kx::CURI mainURI_;
