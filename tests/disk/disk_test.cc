@@ -60,7 +60,7 @@ TEST_F(DiskTest, EveryLayoutReadsBackWhatWasWritten) {
   for (const Layout& layout : kLayouts) {
     SCOPED_TRACE(std::string(layout.createType) + " " + std::to_string(layout.fileSizeLimit) + " " + layout.password);
     for (const kx::CURI& file : fs_->listFiles()) fs_->deleteFile(file, true);
-    Bytes model(24 * kMiB, 0);
+    Bytes model(24 * kMiB, 0), back(model.size());
     {
       auto disk = create(layout);
       ASSERT_EQ(disk->getSizeBytes(), 24 * kMiB);
@@ -78,10 +78,12 @@ TEST_F(DiskTest, EveryLayoutReadsBackWhatWasWritten) {
         disk->write(data.data(), size);
         std::copy(data.begin(), data.end(), model.begin() + at);
       }
+      disk->seek(0);  // before and after reopening
+      disk->read(back.data(), static_cast<int>(back.size()));
+      EXPECT_TRUE(back == model);
     }
     EXPECT_EQ(fs_->listFiles().size(), layout.files);
     auto disk = open(kx::IIOStream::ACCESS_READ, layout.password);
-    Bytes back(model.size());
     disk->read(back.data(), static_cast<int>(back.size()));
     EXPECT_TRUE(back == model);
   }

@@ -141,27 +141,6 @@ TEST_F(SparseExtentFileTest, OpeningRefusesEachBadHeaderWithItsOwnError) {
   EXPECT_THROW(open(kx::IIOStream::ACCESS_READ, true), kx::CInvalidArgError);  // a cipher for a plain extent
 }
 
-TEST_F(SparseExtentFileTest, ReadsAndWritesCutAtGrainBorders) {
-  make(true, true);
-  const Bytes data = test::noiseGrain(3 * kGrain, 1);
-  {
-    auto extent = open(kx::IIOStream::ACCESS_READ_WRITE, true);
-    extent->seek(kGrain / 2);
-    extent->write(data.data(), 2 * kGrain);  // half, whole, half
-    extent->seek(kGrain / 2 + 10);          // back into a grain already left: stored and seen
-    Bytes out(10);
-    extent->read(out.data(), 10);
-    EXPECT_EQ(out, Bytes(data.begin() + 10, data.begin() + 20));
-  }
-  auto extent = open(kx::IIOStream::ACCESS_READ, true);
-  Bytes out(3 * kGrain);
-  extent->read(out.data(), 3 * kGrain);
-  Bytes want(3 * kGrain, 0);
-  std::copy(data.begin(), data.begin() + 2 * kGrain, want.begin() + kGrain / 2);
-  EXPECT_EQ(out, want);
-  EXPECT_EQ(extent->getPosition(), 3 * kGrain);
-}
-
 TEST_F(SparseExtentFileTest, RangeErrorsMoveNothing) {
   make(false, false, 4);
   updater_ = nullptr;

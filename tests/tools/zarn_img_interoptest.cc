@@ -27,12 +27,13 @@ class ZarnImgInteropTest : public ::testing::Test {
 #endif
     if (!test::hasPeerTool(kQemuImg.c_str())) GTEST_SKIP() << "qemu-img not installed (qemu-utils)";
     if (!test::hasPeerTool(kVmdkInfo.c_str())) GTEST_SKIP() << "vmdkinfo not installed (libvmdk-utils)";
-    // 10 MiB: zeros, noise and text, in runs that cross grain borders.
-    model_.assign(10 * kMiB, 0);
+    // 34 MiB: zeros, noise and text, in runs that cross grain borders and the
+    // border of the first grain table (32 MiB).
+    model_.assign(34 * kMiB, 0);
     const Bytes noise = test::noiseGrain(3 * kMiB + 4321, 17);
     const Bytes text = test::textGrain(kMiB, 4);
     std::copy(noise.begin(), noise.end(), model_.begin() + kMiB + 99);
-    std::copy(text.begin(), text.end(), model_.begin() + 6 * kMiB);
+    std::copy(text.begin(), text.end(), model_.begin() + 32 * kMiB - 300000);
     test::writeFileBytes(*fs_, dir_.getFileURI("model.raw"), model_);
   }
   // Runs a command in the temp folder and expects `status`; gives the output.
@@ -89,13 +90,13 @@ TEST_F(ZarnImgInteropTest, DisksMadeByZarnImgReadByQemuImgAndVmdkinfo) {
     EXPECT_TRUE(qemuRead(l.name) == model_);
     const std::string info = run(kVmdkInfo + " " + l.name);
     EXPECT_NE(info.find(l.vmdkinfoType), std::string::npos) << info;
-    EXPECT_NE(info.find("(10485760 bytes)"), std::string::npos) << info;
+    EXPECT_NE(info.find("(35651584 bytes)"), std::string::npos) << info;
   }
   // A differencing child over a zarn parent, written at odd places.
   zarnImg("create -o backing-file=plain.vmdk child.vmdk");
   Bytes expected = model_;
   zarnWrite("child.vmdk", 12345, 200000, expected);
-  zarnWrite("child.vmdk", 9 * kMiB + 1, 5000, expected);
+  zarnWrite("child.vmdk", 32 * kMiB - 2500, 5000, expected);
   EXPECT_TRUE(qemuRead("child.vmdk") == expected);
   EXPECT_NE(run(kVmdkInfo + " child.vmdk").find("Parent content identifier"), std::string::npos);
 }
@@ -118,7 +119,7 @@ TEST_F(ZarnImgInteropTest, DisksMadeByQemuImgReadAndWrittenByZarnImg) {
   EXPECT_TRUE(zarnRead("child.vmdk") == model_);
   Bytes expected = model_;
   zarnWrite("child.vmdk", kMiB + 7, 1000, expected);
-  zarnWrite("child.vmdk", 6 * kMiB - 3, 65536, expected);
+  zarnWrite("child.vmdk", 32 * kMiB - 3, 65536, expected);
   EXPECT_TRUE(qemuRead("child.vmdk") == expected);
   EXPECT_TRUE(zarnRead("child.vmdk") == expected);
   EXPECT_NE(zarnImg("map child.vmdk").find("0x100000        0x10000         0      child.vmdk"), std::string::npos);
