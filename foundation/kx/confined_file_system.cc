@@ -4,6 +4,7 @@
 #include "kx/error.h"
 #include "kx/file_identity.h"
 #include "kx/local_file_system.h"
+#include "kx/stream_wrapper.h"
 
 namespace kx {
 namespace {
@@ -44,44 +45,18 @@ bool sameAuthority(const CURI& a, const CURI& b) {
 }
 
 // Reports the URI that the caller opened the file by, whatever name reached
-// the target.
-class CReportedURIStream final : public CBase, public IIOStream, public IFileIdentity {
+// the target, and checks identities by the resolved name.
+class CReportedURIStream final : public CStreamWrapper {
  public:
   CReportedURIStream(const P<IIOStream>& target, const CURI& uri, const CConfinedFileSystem* fileSystem)
-      : target_(target), uri_(uri), fileSystem_(fileSystem) {}
+      : CStreamWrapper(target), uri_(uri), fileSystem_(fileSystem) {}
 
-  int64_t getLength() override { return target_->getLength(); }
-  int64_t getPosition() override { return target_->getPosition(); }
   CURI getURI() override { return uri_; }
-  void seek(int64_t position) override { target_->seek(position); }
-  P<IStreamLock> lockRange(int64_t offset, int64_t length, LockType type) override {
-    return target_->lockRange(offset, length, type);
-  }
-  void close() override { target_->close(); }
-  void read(void* buffer, int size) override { target_->read(buffer, size); }
-  int readLax(void* buffer, int size) override { return target_->readLax(buffer, size); }
-  int readAvailable(void* buffer, int size) override { return target_->readAvailable(buffer, size); }
-  bool waitReadable(int timeoutMilliseconds) override { return target_->waitReadable(timeoutMilliseconds); }
-  bool isEndOfStream() override { return target_->isEndOfStream(); }
-  int isEndOfStream_NonBlocking() override { return target_->isEndOfStream_NonBlocking(); }
-  void write(const void* data, int size, IWriteBarrier* barrier) override { target_->write(data, size, barrier); }
-  void writeKeepBuffer(const TConstBufferSlice<unsigned char>& data, IWriteBarrier* barrier) override {
-    target_->writeKeepBuffer(data, barrier);
-  }
-  P<IWriteBarrier> createWriteBarrier(IWriteBarrier* previous) override {
-    return target_->createWriteBarrier(previous);
-  }
-  void flush() override { target_->flush(); }
-  void setLength(int64_t length) override { target_->setLength(length); }
-  int checkSameFile(const CURI& uri) override {
-    auto* identity = dynamic_cast<IFileIdentity*>(target_.get());
-    return identity ? identity->checkSameFile(fileSystem_->resolve(uri)) : -1;
-  }
+  int checkSameFile(const CURI& uri) override { return CStreamWrapper::checkSameFile(fileSystem_->resolve(uri)); }
 
  private:
-  P<IIOStream> target_;
   CURI uri_;
-  const CConfinedFileSystem* fileSystem_;  // outlives no stream it made: only used while the caller holds both
+  const CConfinedFileSystem* fileSystem_;  // the caller holds it while it uses the stream
 };
 
 }  // namespace
