@@ -272,8 +272,10 @@ TEST(DescriptorAccessorTest, FiveMiBOfShortLinesLoadAndStoreInLinearTime) {
     auto accessor = kx::create<CVMDKDescriptorAccessor>(stream.get(), kx::IIOStream::ACCESS_READ_WRITE);
     accessor->storeDescriptor(false);
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+    // Linear work takes 0.05-0.25 s here; the quadratic kind took minutes.
+    // The margin keeps a busy machine from failing the test.
     if (!kSanitized) {
-      EXPECT_LT(took.count(), 1.0);
+      EXPECT_LT(took.count(), 5.0);
     }
   }
   if (!kSanitized) {
