@@ -6,6 +6,7 @@
 #include <spawn.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -295,7 +296,12 @@ TEST_F(ZarnImgTest, InterruptedConvertLeavesADiskThatOpens) {
   auto disk = kx::create<zarn::CVMDKDisk>(fs_.get(), dir_.getFileURI("big.vmdk"), kx::IIOStream::ACCESS_READ, "");
   Bytes back(kMiB);
   disk->read(back.data(), static_cast<int>(back.size()));
-  EXPECT_TRUE(back == head);
+  // It stopped at a grain border: each grain is the source's, or not there yet.
+  for (size_t at = 0; at < back.size(); at += 65536) {
+    const bool copied = std::equal(back.begin() + at, back.begin() + at + 65536, head.begin() + at);
+    const bool absent = std::all_of(back.begin() + at, back.begin() + at + 65536, [](unsigned char b) { return b == 0; });
+    EXPECT_TRUE(copied || absent) << "grain at " << at;
+  }
 #endif
 }
 
