@@ -142,6 +142,10 @@ CVMDKDisk::CVMDKDisk(kx::IFileSystem* fileSystem, const kx::CURI& uri, kx::IIOSt
     auto first = kx::create<CVMDKSparseExtentFile>(stream.get(), kx::IIOStream::ACCESS_READ, 0, compressionLevel_,
                                                    grainTableCache_.get(), nullptr, nullptr, cipher_.get(),
                                                    encryptionKey_, encryptionIV_);
+    const auto& firstEntry = *extentMap_.begin();
+    if (firstEntry.second.fileURI == firstExtentURI_) {
+      checkExtentCapacity(*first, firstEntry.first.lengthSectors);
+    }
     grainSizeSectors_ = first->getGrainSizeSectors();
     grainSizeBytes_ = grainSizeSectors_ * kSectorSizeBytes;
     compressed_ = first->getCompressed();
@@ -242,6 +246,18 @@ kx::P<CVMDKDescriptorAccessor> CVMDKDisk::openDescriptorAccessor() {
   return kx::create<CVMDKDescriptorAccessor>(stream.get(), access_);
 }
 
+// An extent line may name fewer sectors than the file holds, never more: the
+// rest of the range would belong to no grain.
+void CVMDKDisk::checkExtentCapacity(const CVMDKSparseExtentFile& extent, int64_t lineSectors) {
+  if (extent.getCapacitySectors() >= lineSectors) return;
+  throw kx::CIOError(kx::IOERR_DAMAGED_DATA,
+                     kx::String::Format("VMDK extent file is smaller than its extent line (capacity: %lld sectors, "
+                                        "extent line: %lld sectors).",
+                                        static_cast<long long>(extent.getCapacitySectors()),
+                                        static_cast<long long>(lineSectors)),
+                     kx::CProps().add("uri", extent.getStream()->getURI().toString(true)));
+}
+
 // --- I/O --------------------------------------------------------------------
 
 kx::CProps CVMDKDisk::mainProps() const { return kx::CProps().add("mainFileURI", mainURI_.toString(true)); }
@@ -271,10 +287,12 @@ void CVMDKDisk::beginIOOp(int64_t bytes, kx::P<IVMDKExtentFile>& extent, int64_t
             encryptionKeyHash_);
       } else {
         auto stream = openVMDKFileStream(fileSystem_.get(), currentExtentURI_, access_);
-        opened = kx::create<CVMDKSparseExtentFile>(stream.get(), access_, entry->second.startGrainIndex,
-                                                   compressionLevel_, grainTableCache_.get(),
-                                                   parentDataProvider_.get(), contentIDUpdater_.get(), cipher_.get(),
-                                                   encryptionKey_, encryptionIV_);
+        auto sparse = kx::create<CVMDKSparseExtentFile>(stream.get(), access_, entry->second.startGrainIndex,
+                                                        compressionLevel_, grainTableCache_.get(),
+                                                        parentDataProvider_.get(), contentIDUpdater_.get(),
+                                                        cipher_.get(), encryptionKey_, encryptionIV_);
+        checkExtentCapacity(*sparse, entry->first.lengthSectors);
+        opened = sparse;
       }
     } catch (const kx::CError& error) {
       kx::logError(error, "Error opening VMDK extent file on demand (path: '" + entry->second.fileURI.toString(true) +
@@ -573,22 +591,25 @@ kx::P<CVMDKDisk> CVMDKDisk::create(kx::IFileSystem* fileSystem, const kx::CURI& 
   descriptor->setGeometryHeads(255);
   descriptor->setGeometryCylinders((totalSectors + 16064) / 16065);
 
-  // The files.
+  // The files. Whatever moment a crash picks, no descriptor names an extent
+  // file that isn't complete: every old file goes first, then the extents are
+  // made, and the file that holds the descriptor comes last.
   kx::TBuffer<unsigned char> zeroBuffer(static_cast<size_t>(std::max<int64_t>(descriptorSectors * 512, kGrainBytes)));
+  const kx::CURI folder = uri.getParent();
+  if (!descriptorEmbedded) fileSystem->deleteFile(uri, true);
+  for (const Extent& extent : extents) fileSystem->deleteFile(folder << extent.name, true);
+  for (size_t n = 0; n < extents.size(); ++n) {
+    const size_t i = descriptorEmbedded ? (n + 1) % extents.size() : n;
+    if (i > 0 && createExtentFilesOnDemand) continue;
+    createEmptyVMDKSparseExtentFile(fileSystem, folder << extents[i].name, compressed, extents[i].grains,
+                                    getGrainSizeSectors(), zeroBuffer,
+                                    i == 0 && descriptorEmbedded ? descriptor.get() : nullptr, descriptorSectors,
+                                    keyHash);
+  }
   if (!descriptorEmbedded) {
-    fileSystem->deleteFile(uri, true);
     auto stream = openVMDKFileStream(fileSystem, uri, kx::IIOStream::ACCESS_READ_WRITE);
     descriptor->store(*stream, static_cast<int>(descriptorSectors * 512), zeroBuffer);
     stream->flush();
-  }
-  const kx::CURI folder = uri.getParent();
-  for (size_t i = 0; i < extents.size(); ++i) {
-    const kx::CURI extentURI = folder << extents[i].name;
-    fileSystem->deleteFile(extentURI, true);
-    if (i > 0 && createExtentFilesOnDemand) continue;
-    createEmptyVMDKSparseExtentFile(fileSystem, extentURI, compressed, extents[i].grains, getGrainSizeSectors(),
-                                    zeroBuffer, i == 0 && descriptorEmbedded ? descriptor.get() : nullptr,
-                                    descriptorSectors, keyHash);
   }
   descriptor = nullptr;
   return kx::create<CVMDKDisk>(fileSystem, uri, kx::IIOStream::ACCESS_READ_WRITE, password, compressionLevel, nullptr,

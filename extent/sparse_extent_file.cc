@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 #include <limits>
+#include <unordered_map>
+#include <vector>
 
 #include "brix/digest.h"
 #include "kx/buffer_stream.h"
@@ -107,6 +109,7 @@ CVMDKSparseExtentFile::CVMDKSparseExtentFile(kx::IIOStream* stream, kx::IIOStrea
       stream_.get(), access_, static_cast<int64_t>(header_->getGrainDirectoryOffsetSectors()),
       static_cast<int64_t>(header_->getRedundantGrainDirectoryOffsetSectors()), capacitySectors_, grainSizeSectors_,
       static_cast<int32_t>(header_->getGrainTableEntryCount()), compressed_, cache_.get());
+  checkMetadataLayout();
   grainAllocator_ = kx::create<CVMDKGrainAllocator>(stream_.get(), access_, grainSizeSectors_,
                                                     compressed_ ? 1 : grainSizeSectors_, grainDirectory_.get(),
                                                     makeTrail());
@@ -159,6 +162,57 @@ void CVMDKSparseExtentFile::checkGeometry() {
   extentSizeBytes_ = capacitySectors_ * kSectorSizeBytes;
   grainSizeSectors_ = static_cast<int64_t>(grainSize);
   grainSizeBytes_ = grainSizeSectors_ * kSectorSizeBytes;
+}
+
+// Every piece of metadata has a place of its own in the head of the file,
+// where no grain may lie. Pieces that overlap would be written over each
+// other: a descriptor stored over a directory, a table over the descriptor.
+void CVMDKSparseExtentFile::checkMetadataLayout() {
+  std::vector<CVMDKFileArea> areas;
+  areas.push_back({0, 1, "header", -1});
+  const uint64_t descriptorSectors = header_->getDescriptorSizeSectors();
+  if (descriptorSectors > 0) {
+    const uint64_t offset = header_->getDescriptorOffsetSectors();
+    // Both were checked against the file when the descriptor was read; a file
+    // opened as a later extent may never have been read that way.
+    const auto limit = static_cast<uint64_t>(stream_->getLength() / kSectorSizeBytes + 1);
+    if (offset > limit || descriptorSectors > limit) {
+      throw kx::CIOError(kx::IOERR_DAMAGED_DATA, "VMDK descriptor area lies beyond the end of the file.",
+                         uriProps()
+                             .add("descriptorOffsetSectors", offset)
+                             .add("descriptorSizeSectors", descriptorSectors));
+    }
+    areas.push_back({static_cast<int64_t>(offset), static_cast<int64_t>(descriptorSectors), "descriptor area", -1});
+  }
+  grainDirectory_->appendMetadataAreas(areas);
+  std::sort(areas.begin(), areas.end(), [](const CVMDKFileArea& a, const CVMDKFileArea& b) {
+    return a.startSectors < b.startSectors;
+  });
+  const auto describe = [](const CVMDKFileArea& area) {
+    kx::String text = kx::String("the ") + area.what;
+    if (area.index >= 0) text += kx::String::Format(" %lld", static_cast<long long>(area.index));
+    return text + kx::String::Format(" (sectors %lld to %lld)", static_cast<long long>(area.startSectors),
+                                     static_cast<long long>(area.startSectors + area.sizeSectors - 1));
+  };
+  const auto head = static_cast<int64_t>(std::min<uint64_t>(header_->getOverheadSectors(), INT64_MAX / 2));
+  const CVMDKFileArea* reaching = nullptr;  // of the areas so far, the one that ends last
+  for (const CVMDKFileArea& area : areas) {
+    if (area.sizeSectors < 1) continue;
+    if (reaching && area.startSectors < reaching->startSectors + reaching->sizeSectors) {
+      throw kx::CIOError(kx::IOERR_DAMAGED_DATA, "VMDK metadata areas overlap: " + describe(*reaching) + " and " +
+                                                     describe(area) + ".",
+                         uriProps());
+    }
+    if (area.startSectors + area.sizeSectors > head) {
+      throw kx::CIOError(kx::IOERR_DAMAGED_DATA,
+                         "VMDK metadata reaches beyond the head of the file, where grains lie: " + describe(area) +
+                             kx::String::Format(", head: %lld sectors.", static_cast<long long>(head)),
+                         uriProps());
+    }
+    if (!reaching || area.startSectors + area.sizeSectors > reaching->startSectors + reaching->sizeSectors) {
+      reaching = &area;
+    }
+  }
 }
 
 // The bytes that end a compressed file: footer marker, the header, end marker.
@@ -343,13 +397,38 @@ void CVMDKSparseExtentFile::flushChanges() {
 kx::P<CVMDKSpaceInfo> CVMDKSparseExtentFile::gatherSpaceInfo() {
   flushChanges();
   const int64_t grains = CVMDKGrainDirectory::calcExtentGrainCount(capacitySectors_, grainSizeSectors_);
+  const int64_t entries = static_cast<int64_t>(header_->getGrainTableEntryCount());
+  // The walk goes by table, not by grain: a table the file doesn't have costs
+  // nothing, and a table that several directory words name is counted once,
+  // so a header that claims a huge capacity over a small file can't make
+  // this take longer than the file justifies.
+  struct CCount {
+    int64_t grains = 0;
+    int64_t slotSectors = 0;
+  };
+  std::unordered_map<int64_t, CCount> counted;
   int64_t payload = 0, payloadInFile = 0;
-  for (int64_t index = 0; index < grains; ++index) {
-    int64_t posSectors = 0, slotSizeSectors = 0;
-    grainDirectory_->getGrainInfo(index, posSectors, slotSizeSectors);
-    if (posSectors <= 0) continue;
-    payload += grainSizeBytes_;
-    payloadInFile += compressed_ ? slotSizeSectors * kSectorSizeBytes : grainSizeBytes_;
+  for (int64_t table = 0; table < grainDirectory_->getGrainTableCount(); ++table) {
+    const int64_t tablePos = grainDirectory_->getGrainTablePosSectors(table);
+    if (tablePos == 0) continue;
+    const int64_t inTable = std::min(entries, grains - table * entries);
+    CCount count;
+    const auto known = counted.find(tablePos);
+    if (known != counted.end() && inTable == entries) {
+      count = known->second;
+    } else {
+      const kx::P<CVMDKGrainTable> loaded = grainDirectory_->getGrainTable(table);
+      for (int64_t i = 0; i < inTable; ++i) {
+        int64_t posSectors = 0, slotSizeSectors = 0;
+        loaded->getGrainInfo(i, posSectors, slotSizeSectors);
+        if (posSectors <= 0) continue;
+        ++count.grains;
+        count.slotSectors += compressed_ ? slotSizeSectors : grainSizeSectors_;
+      }
+      if (inTable == entries) counted.emplace(tablePos, count);
+    }
+    payload += count.grains * grainSizeBytes_;
+    payloadInFile += count.slotSectors * kSectorSizeBytes;
   }
   const int64_t headerSize = static_cast<int64_t>(header_->getOverheadSectors()) * kSectorSizeBytes;
   int64_t deadSpace = stream_->getLength() - headerSize - payloadInFile;

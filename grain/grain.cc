@@ -101,7 +101,7 @@ void CVMDKGrain::open(int64_t extentGrainIndex, int64_t diskGrainIndex, int64_t 
         kx::String::Format("Slot size for allocated uncompressed grain is smaller than the grain size (slot size: "
                            "%lld sectors, grain size: %lld sectors",
                            static_cast<long long>(slotSizeSectors), static_cast<long long>(grainSizeSectors_)));
-  } else if (compressed_ && slotSizeSectors < 1) {
+  } else if (compressed_ && slotSizeSectors < 0) {
     throw kx::CInvalidArgError(
         "CVMDKGrain::open", kx::String::Format("Invalid slot size for allocated compressed grain: %lld sectors",
                                                static_cast<long long>(slotSizeSectors)));
@@ -189,9 +189,21 @@ void CVMDKGrain::readGrainData() {
   }
 }
 
-void CVMDKGrain::checkStoredFormFits(int64_t bytes, uint64_t lba, int64_t compressedSize) {
+bool CVMDKGrain::isStaleSlotSize(int64_t bytes, uint64_t lba) const {
+  // The tables reach the file before the slot table (see CVMDKGrainTable), so
+  // a writer that stopped in between leaves a new grain with the slot size 0
+  // and a moved one with the size of the slot it left. The grain's own header
+  // tells that the form is this grain's; its slot is then at least as large
+  // as the form and at most the worst case, which is all a reader needs. A
+  // rewrite goes by the recorded size, so it moves rather than overwrite
+  // what may follow.
+  return compressed_ && lba == static_cast<uint64_t>(diskGrainIndex_ * grainSizeSectors_) &&
+         bytes <= worstCaseSectors_ * kSectorSizeBytes;
+}
+
+void CVMDKGrain::checkStoredFormFits(int64_t bytes, uint64_t lba, int64_t compressedSize, bool withSlot) {
   const char* problem = nullptr;
-  if (bytes > slotSizeSectors_ * kSectorSizeBytes) {
+  if (withSlot && bytes > slotSizeSectors_ * kSectorSizeBytes && !isStaleSlotSize(bytes, lba)) {
     problem = "Stored VMDK grain is larger than its slot.";
   } else if (posSectors_ * kSectorSizeBytes + bytes > stream_->getLength()) {
     problem = "Stored VMDK grain lies beyond the end of the file.";
@@ -204,9 +216,11 @@ void CVMDKGrain::checkStoredFormFits(int64_t bytes, uint64_t lba, int64_t compre
 }
 
 void CVMDKGrain::seekToSlot() {
-  // The first read of a stored form must lie in the slot and the file, so a
-  // damaged table entry is reported as such rather than as a bad seek.
-  checkStoredFormFits(compressed_ ? kSectorSize : grainSizeBytes_, 0, 0);
+  // The first read of a stored form must lie in the file (and a plain one in
+  // its slot), so a damaged table entry is reported as such rather than as a
+  // bad seek. A compressed form is held against its slot once its header is
+  // read.
+  checkStoredFormFits(compressed_ ? kSectorSize : grainSizeBytes_, 0, 0, !compressed_);
   stream_->seek(posSectors_ * kSectorSizeBytes);
 }
 

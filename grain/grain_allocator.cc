@@ -107,6 +107,9 @@ int64_t CVMDKGrainAllocator::allocNewGrainImpl(int64_t grainIndex, const void* d
                            .add("uri", stream_->getURI().toString(true))
                            .add("posSectors", start / kSectorSizeBytes));
   }
+  // A table that can't take the slot (one the file doesn't have, say) is found
+  // out before the data becomes dead space.
+  directory_->verifyGrainInfo(grainIndex, start / kSectorSizeBytes, slotSizeSectors);
   stream_->seek(endPosition_);
   writeZeros(start - endPosition_);
   trailDirty_ = true;

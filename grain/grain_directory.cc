@@ -168,6 +168,35 @@ void CVMDKGrainDirectory::setGrainInfo(int64_t grainIndex, int64_t posSectors, i
                                                              slotSizeSectors);
 }
 
+void CVMDKGrainDirectory::verifyGrainInfo(int64_t grainIndex, int64_t posSectors, int64_t slotSizeSectors) {
+  getGrainTable(grainIndex / tableEntryCount_)->verifyGrainInfo(grainIndex % tableEntryCount_, posSectors,
+                                                                slotSizeSectors);
+}
+
 void CVMDKGrainDirectory::flushChangesToStream() { cache_->flushCachedTablesFromDirectoryToStream(this); }
+
+void CVMDKGrainDirectory::appendMetadataAreas(std::vector<CVMDKFileArea>& areas) const {
+  const int64_t directorySectors = (tableCount_ * 4 + kSectorSize - 1) / kSectorSize;
+  const int64_t tableSectors = (int64_t{tableEntryCount_} * 4 + kSectorSize - 1) / kSectorSize;
+  const int64_t slotTableSectors = (int64_t{tableEntryCount_} * 2 + kSectorSize - 1) / kSectorSize;
+  const auto addDirectory = [&](const kx::TBuffer<uint32_t>& words, int64_t posSectors, const char* directory,
+                                const char* table, int64_t sectorsPerTable) {
+    if (words.isEmpty() && posSectors < 1) return;
+    areas.push_back({posSectors, directorySectors, directory, -1});
+    for (size_t i = 0; i < words.getUsed(); ++i) {
+      if (words.getData()[i] != 0) {
+        areas.push_back({int64_t{words.getData()[i]}, sectorsPerTable, table, static_cast<int64_t>(i)});
+      }
+    }
+  };
+  addDirectory(directory_, directoryPosSectors_, "grain directory", "grain table", tableSectors);
+  if (redundantDirectoryPosSectors_ > 0) {
+    addDirectory(redundantDirectory_, redundantDirectoryPosSectors_, "redundant grain directory",
+                 "redundant grain table", tableSectors);
+  }
+  if (slotDirectoryPosSectors_ > 0) {
+    addDirectory(slotDirectory_, slotDirectoryPosSectors_, "slot directory", "slot table", slotTableSectors);
+  }
+}
 
 }  // namespace zarn

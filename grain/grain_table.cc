@@ -93,6 +93,22 @@ void CVMDKGrainTable::getGrainInfo(int64_t index, int64_t& posSectors, int64_t& 
 }
 
 void CVMDKGrainTable::setGrainInfo(int64_t index, int64_t posSectors, int64_t slotSizeSectors) {
+  verifyGrainInfo(index, posSectors, slotSizeSectors);
+  uint32_t& entry = entries_.getData()[index];
+  if (entry != static_cast<uint32_t>(posSectors)) {
+    entry = static_cast<uint32_t>(posSectors);
+    entriesDirty_ = true;
+  }
+  if (getSlotSizeTrackingEnabled()) {
+    uint16_t& slot = slotSizes_.getData()[index];
+    if (slot != static_cast<uint16_t>(slotSizeSectors)) {
+      slot = static_cast<uint16_t>(slotSizeSectors);
+      slotSizesDirty_ = true;
+    }
+  }
+}
+
+void CVMDKGrainTable::verifyGrainInfo(int64_t index, int64_t posSectors, int64_t slotSizeSectors) const {
   const char* context = "CVMDKGrainTable::setGrainInfo";
   if (index < 0 || index >= entryCount_) {
     throw kx::CInvalidArgError(
@@ -130,18 +146,6 @@ void CVMDKGrainTable::setGrainInfo(int64_t index, int64_t posSectors, int64_t sl
     throw kx::CIOError(kx::IOERR_NOT_SUPPORTED,
                        "Cannot place a grain in a VMDK grain table that the file does not have.",
                        uriProps().add("grainIndex", index));
-  }
-  uint32_t& entry = entries_.getData()[index];
-  if (entry != static_cast<uint32_t>(posSectors)) {
-    entry = static_cast<uint32_t>(posSectors);
-    entriesDirty_ = true;
-  }
-  if (getSlotSizeTrackingEnabled()) {
-    uint16_t& slot = slotSizes_.getData()[index];
-    if (slot != static_cast<uint16_t>(slotSizeSectors)) {
-      slot = static_cast<uint16_t>(slotSizeSectors);
-      slotSizesDirty_ = true;
-    }
   }
 }
 

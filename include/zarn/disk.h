@@ -41,6 +41,8 @@
 
 namespace zarn {
 
+class CVMDKSparseExtentFile;
+
 class CVMDKDisk : public kx::CBase {
  public:
   // A range of sectors. Keys order by range: overlapping keys are
@@ -150,6 +152,9 @@ class CVMDKDisk : public kx::CBase {
   kx::CProps mainProps() const;
   void unlockEncryption(const kx::String& password, const kx::CURI& uri);
   void checkPreparedRange(bool reading);
+  // kx::CIOError code 5 when the extent's header holds fewer sectors than its
+  // extent line gives it.
+  static void checkExtentCapacity(const CVMDKSparseExtentFile& extent, int64_t lineSectors);
   // beginIOOp for a whole grain at the position; an internal error if the
   // extent can't serve all of it.
   kx::P<IVMDKExtentFile> beginWholeGrain(const char* operation);

@@ -60,8 +60,10 @@ class CVMDKGrain : public kx::CBase {
   // Stores the grain that was open, then opens this one at position 0. A
   // `posSectors` below 1 means no slot (the slot size is then taken as 0).
   // Raises kx::CInvalidArgError for a slot smaller than the grain in a plain
-  // extent or below 1 sector in a compressed one; the grain is then closed. A
-  // failure to store the previous grain leaves it open.
+  // extent or a negative one in a compressed one; the grain is then closed. A
+  // compressed slot of 0 sectors is one whose size an interrupted flush never
+  // wrote: it reads when the stored form proves to be this grain's, and a
+  // rewrite moves it. A failure to store the previous grain leaves it open.
   void open(int64_t extentGrainIndex, int64_t diskGrainIndex, int64_t posSectors, int64_t slotSizeSectors);
   // Stores what is pending and empties the buffers (keeping their memory).
   void close();
@@ -132,8 +134,11 @@ class CVMDKGrain : public kx::CBase {
   kx::CProps uriProps() const;
   void checkOpen(const char* operation) const;
   // Raises kx::CIOError code 5 unless `bytes` from the slot's start lie within
-  // the slot and the file.
-  void checkStoredFormFits(int64_t bytes, uint64_t lba, int64_t compressedSize);
+  // the file and (`withSlot`) the slot. A compressed form whose header names
+  // this grain may exceed a slot size that an interrupted flush left stale
+  // (isStaleSlotSize).
+  void checkStoredFormFits(int64_t bytes, uint64_t lba, int64_t compressedSize, bool withSlot = true);
+  bool isStaleSlotSize(int64_t bytes, uint64_t lba) const;
   // Checks that the slot's first read fits, then seeks to the slot.
   void seekToSlot();
   void encryptInto(const kx::TConstBufferSlice<unsigned char>& data);

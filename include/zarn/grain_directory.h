@@ -12,6 +12,7 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 #include "kx/base.h"
 #include "kx/buffer.h"
@@ -21,6 +22,14 @@
 #include "zarn/grain_table_cache.h"
 
 namespace zarn {
+
+// A run of sectors that a piece of an extent's metadata takes.
+struct CVMDKFileArea {
+  int64_t startSectors;
+  int64_t sizeSectors;
+  const char* what;  // "grain table", ...: for messages
+  int64_t index;     // the table's index, -1 for a directory
+};
 
 class CVMDKGrainDirectory : public kx::CBase {
  public:
@@ -55,6 +64,8 @@ class CVMDKGrainDirectory : public kx::CBase {
   // By grain index within the extent; see CVMDKGrainTable.
   void getGrainInfo(int64_t grainIndex, int64_t& posSectors, int64_t& slotSizeSectors);
   void setGrainInfo(int64_t grainIndex, int64_t posSectors, int64_t slotSizeSectors);
+  // Raises what setGrainInfo would raise, changing nothing.
+  void verifyGrainInfo(int64_t grainIndex, int64_t posSectors, int64_t slotSizeSectors);
 
   bool getHaveSlotSizeInfo() const { return !slotDirectory_.isEmpty(); }
   int64_t getSlotDirectoryPosSectors() const { return slotDirectoryPosSectors_; }
@@ -62,6 +73,13 @@ class CVMDKGrainDirectory : public kx::CBase {
 
   // Writes this directory's dirty tables in the cache to the stream.
   void flushChangesToStream();
+
+  // Appends the areas of the directories and of every table they name
+  // (words of 0 name none), as the words stand; nothing is read.
+  void appendMetadataAreas(std::vector<CVMDKFileArea>& areas) const;
+  // The sector of table `tableIndex` (0: the file has none); the index must
+  // be valid.
+  int64_t getGrainTablePosSectors(int64_t tableIndex) const { return directory_.getData()[tableIndex]; }
 
  private:
   kx::CProps uriProps() const;

@@ -6,6 +6,17 @@
 // changed. A table writes itself back, to its primary place, to its redundant
 // copy and to its slot table, when flushed and when its last reference goes.
 //
+// Crash order. A grain's slot reaches the file before any table points at it
+// (the extent flushes the stream in between, see CVMDKSparseExtentFile). The
+// table then goes out in the order primary copy, redundant copy, slot table,
+// each written whole. So a writer that stops at any point leaves each entry
+// either old or new, and the one mixed state is a new position with the old
+// slot size (0 for a new grain, the size of the slot it left for a moved
+// one). The grain reads such an entry when the stored form's header names the
+// grain, and a later rewrite of it moves it to a new slot, so a stale size
+// never lets a write reach beyond the slot that was really given. The
+// redundant copy is never read back.
+//
 // Reference counting: a new table starts with one reference like every
 // kx::CBase. The grain directory makes tables and hands them to the shared
 // CVMDKGrainTableCache, which keeps them alive. One thread at a time.
@@ -48,6 +59,9 @@ class CVMDKGrainTable : public kx::CBase {
   // beyond 16 bits kx::CInvalidArgError: the file can't hold them. Storing
   // what is there already changes nothing.
   void setGrainInfo(int64_t index, int64_t posSectors, int64_t slotSizeSectors);
+  // Raises what setGrainInfo would raise for these values, and changes
+  // nothing: an allocation asks before it writes a grain's data.
+  void verifyGrainInfo(int64_t index, int64_t posSectors, int64_t slotSizeSectors) const;
 
   bool getSlotSizeTrackingEnabled() const { return !slotSizes_.isEmpty(); }
   bool hasUnflushedChanges() const { return entriesDirty_ || slotSizesDirty_; }

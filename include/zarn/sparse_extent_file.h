@@ -11,8 +11,13 @@
 // open grain over its one stream. Requests are cut at grain borders; a grain
 // is stored when the position leaves it or at flushChanges, whose order keeps
 // the file readable at every moment: the open grain and the trail, a stream
-// flush, then the grain tables, another flush. Before the first change of an
-// opening the content ID updater puts a new content ID into the file.
+// flush, then the grain tables (each as CVMDKGrainTable says: primary,
+// redundant, slot table), another flush. A new slot only ever lies behind the
+// last one, and a grain rewritten in place is one write of its slot, so a
+// process stopped at any write, or a machine that lost what no flush covered,
+// leaves every grain old or new. A table that leaves the cache flushes the
+// stream before it writes itself. Before the first change of an opening the
+// content ID updater puts a new content ID into the file.
 //
 // Reference counting as for every kx::CBase. One thread at a time.
 #pragma once
@@ -54,6 +59,8 @@ class CVMDKSparseExtentFile : public kx::CBase, public IVMDKExtentFile {
   int64_t getStartGrainIndex() const override { return startGrainIndex_; }
   int64_t getGrainSizeSectors() const override { return grainSizeSectors_; }
   bool getCompressed() const override { return compressed_; }
+  // The extent's size as its header gives it.
+  int64_t getCapacitySectors() const { return capacitySectors_; }
   kx::CURI getURI() override { return stream_->getURI(); }
   // Raises kx::CInvalidArgError outside 0 to the extent's size.
   void seek(int64_t position) override;
@@ -93,6 +100,7 @@ class CVMDKSparseExtentFile : public kx::CBase, public IVMDKExtentFile {
  private:
   kx::CProps uriProps() const;
   void checkGeometry();
+  void checkMetadataLayout();
   kx::TBuffer<unsigned char> makeTrail();
   void beginWholeGrain(const char* operation);
 

@@ -223,7 +223,7 @@ TEST_F(GrainTest, DamagedStoredGrainsAreRefused) {
       {"entry past the end", [](Bytes&, int64_t) {},
        [](test::CGrainStack& s) { s.directory->setGrainInfo(0, 1 << 20, 3); },
        "Stored VMDK grain lies beyond the end of the file."},
-      {"slot size that lies", [](Bytes&, int64_t) {},
+      {"slot size that lies, form of another grain", [](Bytes& f, int64_t pos) { test::putLE(f, pos * 512, 128 * 7, 8); },
        [](test::CGrainStack& s) {
          int64_t pos = 0, slot = 0;
          s.slotOf(0, pos, slot);
@@ -254,6 +254,33 @@ TEST_F(GrainTest, DamagedStoredGrainsAreRefused) {
     EXPECT_EQ(error.getCode(), 5);
     EXPECT_EQ(error.getMessage(), c.message);
     EXPECT_EQ(s.grain->getPosition(), 0);
+  }
+}
+
+// A writer that stopped between a grain table and its slot table leaves the
+// new position with the old slot size. Such a grain reads, and a rewrite that
+// no longer fits the recorded size moves rather than run over its neighbour.
+TEST_F(GrainTest, StaleSlotSizeReadsAndMovesOnGrowth) {
+  for (bool encrypted : {false, true}) {
+    SCOPED_TRACE(encrypted);
+    const Bytes noise = test::noiseGrain(kGrain, 1), text = test::textGrain(kGrain, 2);
+    auto s = stack(opts(true, encrypted));
+    s.writeAt(0, 0, noise.data(), kGrain);
+    s.writeAt(1, 0, text.data(), kGrain);
+    s.flush();
+    int64_t pos = 0, slot = 0;
+    s.slotOf(0, pos, slot);
+    s.directory->setGrainInfo(0, pos, 1);
+    s.flush();
+    EXPECT_EQ(s.readGrain(0), noise);
+    s.writeAt(0, 0, noise.data(), kGrain);
+    s.flush();
+    int64_t movedPos = 0, movedSlot = 0;
+    s.slotOf(0, movedPos, movedSlot);
+    EXPECT_GT(movedPos, pos);
+    EXPECT_GE(movedSlot, slot);
+    EXPECT_EQ(s.readGrain(0), noise);
+    EXPECT_EQ(s.readGrain(1), text);
   }
 }
 
@@ -320,8 +347,8 @@ TEST_F(GrainTest, RefusalsCarryTheirErrors) {
        3, "CVMDKGrain::writePreparedGrainData can only be called when the position in the grain is 0."},
       {"empty prepared write", [&] { s.openGrain(0); s.grain->writePreparedGrainData(empty); }, 3,
        "CVMDKGrain::writePreparedGrainData called with zero-length prepared data."},
-      {"compressed slot of 0", [&] { s.grain->open(0, 0, 500, 0); }, -1,
-       "Invalid slot size for allocated compressed grain: 0 sectors"},
+      {"negative compressed slot", [&] { s.grain->open(0, 0, 500, -1); }, -1,
+       "Invalid slot size for allocated compressed grain: -1 sectors"},
       {"write when read-only", [&] { test::CGrainStack r(*fs_, uri_, ro()); r.openGrain(0); r.grain->write("x", 1); },
        -1, "Internal error: CVMDKGrain::write was called, but the grain was not opened for writing."},
   };
