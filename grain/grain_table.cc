@@ -67,13 +67,18 @@ CVMDKGrainTable::CVMDKGrainTable(kx::IIOStream* stream, kx::IIOStream::Access ac
 
 CVMDKGrainTable::~CVMDKGrainTable() {
   try {
-    // A table that leaves the cache may point at grains still buffered in the
-    // stream: they reach the file first, so the table never points at nothing.
-    if (hasUnflushedChanges()) stream_->flush();
-    flushChangesToStream();
+    flushWithStream();
   } catch (const std::exception& error) {
     kx::onExceptionInDestructorIgnored("zarn::CVMDKGrainTable", error, true);
   }
+}
+
+void CVMDKGrainTable::flushWithStream() {
+  // A table that leaves the cache may point at grains still buffered in the
+  // stream: they reach the file first, so the table never points at nothing.
+  if (!hasUnflushedChanges()) return;
+  stream_->flush();
+  flushChangesToStream();
 }
 
 kx::CProps CVMDKGrainTable::uriProps() const { return kx::CProps().add("uri", stream_->getURI().toString(true)); }

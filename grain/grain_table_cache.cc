@@ -1,5 +1,6 @@
 #include "zarn/grain_table_cache.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 
@@ -23,14 +24,29 @@ kx::P<CVMDKGrainTable> CVMDKGrainTableCache::getCachedTable(const CVMDKGrainDire
 
 void CVMDKGrainTableCache::setCachedTable(const CVMDKGrainDirectory* directory, int64_t tableIndex,
                                           CVMDKGrainTable* table) {
-  cache_->set(CKey{directory, tableIndex}, kx::P<CVMDKGrainTable>::share(table));
+  const CKey key{directory, tableIndex};
+  if (cache_->getAutoEnforceLimit() && !cache_->contains(key)) evictDownTo(cache_->getLimit() - 1);
+  cache_->set(key, kx::P<CVMDKGrainTable>::share(table));
+}
+
+void CVMDKGrainTableCache::evictDownTo(int32_t count) {
+  while (cache_->getCount() > std::max(count, 0)) {
+    CKey key{};
+    // Written here rather than by its destructor, where a failure could only
+    // be logged and the change would be lost.
+    cache_->peekLeastRecentlyUsed(&key)->flushWithStream();
+    cache_->remove(key);
+  }
 }
 
 int32_t CVMDKGrainTableCache::getCachedTableCount() const { return cache_->getCount(); }
 
-void CVMDKGrainTableCache::setAutoEnforceLimit(bool enabled) { cache_->setAutoEnforceLimit(enabled); }
+void CVMDKGrainTableCache::setAutoEnforceLimit(bool enabled) {
+  if (enabled && !cache_->getAutoEnforceLimit()) evictDownTo(cache_->getLimit());
+  cache_->setAutoEnforceLimit(enabled);
+}
 
-void CVMDKGrainTableCache::enforceLimit() { cache_->enforceLimit(); }
+void CVMDKGrainTableCache::enforceLimit() { evictDownTo(cache_->getLimit()); }
 
 void CVMDKGrainTableCache::flushCachedTablesFromDirectoryToStream(const CVMDKGrainDirectory* directory) {
   // Keys order by directory first: its tables are one run from its first key.

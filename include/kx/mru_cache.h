@@ -69,6 +69,15 @@ class TMostRecentlyUsedCache : public CBase {
     return true;
   }
 
+  bool contains(const K& key) const { return table_.count(key) != 0; }
+  // The entry that leaves next, without touching it: its value, and its key
+  // in `key` when that isn't null; null when the cache is empty.
+  P<V> peekLeastRecentlyUsed(K* key = nullptr) const {
+    if (recency_.empty()) return P<V>();
+    if (key) *key = recency_.back()->first;
+    return recency_.back()->second.value;
+  }
+
   int32_t getCount() const { return static_cast<int32_t>(table_.size()); }
   int32_t getLimit() const { return limit_; }
   bool getAutoEnforceLimit() const { return autoEnforceLimit_; }

@@ -42,9 +42,7 @@ class CVMDKGrainTable : public kx::CBase {
   // raises. A failure leaves no object.
   CVMDKGrainTable(kx::IIOStream* stream, kx::IIOStream::Access access, int64_t grainSizeSectors,
                   int64_t posSectors, int64_t redundantPosSectors, int64_t slotTablePosSectors, int32_t entryCount);
-  // Flushes the stream, then writes what is dirty, so the grains the table
-  // points at are in the file first; a failure goes to
-  // kx::onExceptionInDestructorIgnored.
+  // flushWithStream; a failure goes to kx::onExceptionInDestructorIgnored.
   ~CVMDKGrainTable() override;
   CVMDKGrainTable(const CVMDKGrainTable&) = delete;
   CVMDKGrainTable& operator=(const CVMDKGrainTable&) = delete;
@@ -70,6 +68,10 @@ class CVMDKGrainTable : public kx::CBase {
   // redundant one, then the slot table. A failed step stays dirty, so a later
   // flush writes it again. Doesn't flush the stream.
   void flushChangesToStream();
+  // When dirty: flushes the stream, so the grains the table points at are in
+  // the file first, then writes the table. How a table that leaves the cache
+  // is written.
+  void flushWithStream();
 
  private:
   kx::CProps uriProps() const;

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "kx/memory_file_system.h"
+#include "tests/support/fault_injection_file_system.h"
 #include "tests/support/file_bytes.h"
 
 namespace {
@@ -58,6 +59,25 @@ TEST_F(GrainTableCacheTest, LeastRecentlyUsedLeavesAndWritesItself) {
   EXPECT_EQ(test::le32(test::readFileBytes(*fs_, uri_), 4 * 512 + 4), 0u);
   held = nullptr;
   EXPECT_EQ(test::le32(test::readFileBytes(*fs_, uri_), 4 * 512 + 4), 88u);
+}
+
+// An eviction that can't write its table fails the insertion that caused it,
+// and the change stays in the cache for a later flush: a destructor could
+// only have logged it.
+TEST_F(GrainTableCacheTest, EvictionThatCannotWriteFailsTheInsertionAndKeepsTheChange) {
+  auto faulty = kx::create<test::CFaultInjectionFileSystem>(fs_);
+  int flags = 0;
+  stream_ = faulty->openFile(uri_, kx::IIOStream::ACCESS_READ_WRITE, flags);
+  zarn::CVMDKGrainTableCache cache(1);
+  put(cache, a_, 0);
+  cache.getCachedTable(static_cast<const zarn::CVMDKGrainDirectory*>(a_), 0)->setGrainInfo(0, 9, 1);
+  faulty->failNth(test::FileOp::Write, 1, true);
+  EXPECT_THROW(put(cache, a_, 1), kx::CFileSystemError);
+  EXPECT_TRUE(has(cache, a_, 0));
+  EXPECT_FALSE(has(cache, a_, 1));
+  faulty->disarm();
+  put(cache, a_, 1);
+  EXPECT_EQ(word(0), 9u);
 }
 
 TEST_F(GrainTableCacheTest, LimitEnforcementCanBeSuspended) {
