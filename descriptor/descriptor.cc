@@ -4,6 +4,7 @@
 #include <cstring>
 #include <limits>
 #include <string>
+#include <unordered_map>
 
 #include "kx/error.h"
 #include "kx/log.h"
@@ -503,7 +504,21 @@ void CVMDKDescriptor::getExtentEntries(kx::TArray<kx::P<CVMDKExtentInfo>>& exten
 const kx::TArray<kx::P<CVMDKDescriptorEntry>>& CVMDKDescriptor::getEntries() const {
   entries_.clear();
   entries_.reserve(lines_.size());
-  for (size_t i = 0; i < lines_.size(); ++i) entries_.push_back(kx::P<CVMDKDescriptorEntry>::share(getLineObject(i)));
+  // Generic lines can't change, so lines of the same text share one object:
+  // millions of empty lines cost a pointer each, not an object each.
+  std::unordered_map<std::string_view, uint32_t> generic;
+  for (size_t i = 0; i < lines_.size(); ++i) {
+    if (getLineKind(lines_[i]) == kGenericLine) {
+      const auto found = generic.emplace(getLineText(text_, lines_[i]), 0);
+      if (found.second) {
+        getLineObject(i);
+        found.first->second = lines_[i];
+      } else {
+        lines_[i] = found.first->second;
+      }
+    }
+    entries_.push_back(kx::P<CVMDKDescriptorEntry>::share(getLineObject(i)));
+  }
   return entries_;
 }
 
