@@ -279,7 +279,8 @@ void CVMDKDisk::beginIOOp(int64_t bytes, kx::P<IVMDKExtentFile>& extent, int64_t
     currentExtentURI_ = entry->second.fileURI.toNormalized();
     kx::P<IVMDKExtentFile> opened;
     try {
-      if (createExtentFilesOnDemand_ && !fileSystem_->fileExists(currentExtentURI_)) {
+      if (createExtentFilesOnDemand_ &&
+          !CVMDKOnDemandExtentFile::isExtentFileMade(fileSystem_.get(), currentExtentURI_)) {
         opened = kx::create<CVMDKOnDemandExtentFile>(
             fileSystem_.get(), currentExtentURI_, access_, entry->second.startGrainIndex, grainSizeSectors_,
             entry->first.lengthSectors, kSectorSizeBytes, compressed_, compressionLevel_, parentDataProvider_.get(),

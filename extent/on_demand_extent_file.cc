@@ -1,10 +1,13 @@
 #include "zarn/on_demand_extent_file.h"
 
+#include "kx/data_stream.h"
 #include "kx/error.h"
+#include "zarn/format_constants.h"
 #include "zarn/empty_extent_file.h"
 #include "zarn/low_level_file_stream.h"
 #include "zarn/null_extent_file.h"
 #include "zarn/sparse_extent_file.h"
+#include "zarn/sparse_extent_header.h"
 
 namespace zarn {
 
@@ -30,7 +33,24 @@ CVMDKOnDemandExtentFile::CVMDKOnDemandExtentFile(
       key_(key),
       baseIV_(baseIV),
       keyHash_(keyHash) {
-  updateInnerFileObject(!fileSystem_->fileExists(uri_));
+  updateInnerFileObject(!isExtentFileMade(fileSystem_.get(), uri_));
+}
+
+bool CVMDKOnDemandExtentFile::isExtentFileMade(kx::IFileSystem* fileSystem, const kx::CURI& uri) {
+  if (!fileSystem->fileExists(uri)) return false;
+  auto stream = openVMDKFileStream(fileSystem, uri, kx::IIOStream::ACCESS_READ);
+  const int64_t length = stream->getLength();
+  if (length < kSectorSizeBytes) return false;
+  CVMDKSparseExtentHeader header;
+  try {
+    kx::CDataInStream in(*stream);
+    header.load(in);
+  } catch (const kx::CIOError&) {
+    // A header that doesn't load isn't one that a finished making left.
+    return false;
+  }
+  return header.getGrainDirectoryOffsetSectors() != 0 && header.getOverheadSectors() != 0 &&
+         header.getOverheadSectors() <= static_cast<uint64_t>(length / kSectorSizeBytes);
 }
 
 CVMDKOnDemandExtentFile::~CVMDKOnDemandExtentFile() = default;
@@ -58,7 +78,8 @@ void CVMDKOnDemandExtentFile::prepareWrite() {
                      -1, kx::CProps().add("uri", uri_.toString(true)));
   }
   if (!usingNullExtent_) return;
-  if (!fileSystem_->fileExists(uri_)) {
+  if (!isExtentFileMade(fileSystem_.get(), uri_)) {
+    fileSystem_->deleteFile(uri_, true);
     kx::TBuffer<unsigned char> zeros(2048);
     createEmptyVMDKSparseExtentFile(fileSystem_.get(), uri_, compressed_, extentSizeSectors_ / grainSizeSectors_,
                                     grainSizeSectors_, zeros, nullptr, 0, keyHash_);

@@ -4,7 +4,9 @@
 // the first write, prepared write or makeGrainIndependentOfParent creates the
 // file complete and closed, opens it as a CVMDKSparseExtentFile with every
 // check, carries the position over, and forwards from then on. A file that
-// already exists is used at once. One thread at a time.
+// already exists is used at once, unless its making never finished (a crash
+// in between): such a file holds no grain yet, reads as not made, and is
+// made anew at the first change. One thread at a time.
 #pragma once
 
 #include <cstdint>
@@ -48,6 +50,11 @@ class CVMDKOnDemandExtentFile : public kx::CBase, public IVMDKExtentFile {
   kx::P<CVMDKSpaceInfo> gatherSpaceInfo() override { return inner_->gatherSpaceInfo(); }
 
   bool isUsingNullExtent() const { return usingNullExtent_; }
+
+  // Whether `uri` names an extent file whose making finished: one that exists
+  // and whose header, written last when a file is made, names its metadata.
+  // Raises what the file system raises for anything but a missing file.
+  static bool isExtentFileMade(kx::IFileSystem* fileSystem, const kx::CURI& uri);
 
  protected:
   // Makes and opens the file before the first change; an internal kx::CError
