@@ -44,9 +44,14 @@ void CVMDKDescriptorAccessor::readDescriptor() {
   kx::IIOStream& stream = *stream_;
   kx::CDataInStream in(stream);
   stream.seek(0);
-  const uint32_t magic = in.readUInt32();
+  unsigned char head[4] = {};
+  const uint32_t magic = stream.readLax(head, sizeof head) == sizeof head
+                             ? uint32_t{head[0]} | uint32_t{head[1]} << 8 | uint32_t{head[2]} << 16 |
+                                   uint32_t{head[3]} << 24
+                             : 0;
   if (magic == CVMDKSparseExtentHeader::kMagic || magic == CVMDKSparseExtentHeader::kMagicEncrypted) {
     embeddedInSparseExtentFile_ = true;
+    verifyVMDKSparseExtentHeaderFits(stream);
     stream.seek(0);
     CVMDKSparseExtentHeader header;
     header.load(in);

@@ -39,6 +39,7 @@ CVMDKSparseExtentFile::CVMDKSparseExtentFile(kx::IIOStream* stream, kx::IIOStrea
       header_(kx::create<CVMDKSparseExtentHeader>()),
       compressionLevel_(compressionLevel) {
   if (!stream_ || !cache_) throw kx::CError("Internal error: CVMDKSparseExtentFile needs a stream and a cache.");
+  verifyVMDKSparseExtentHeaderFits(*stream_);
   kx::CDataInStream in(*stream_);
   header_->load(in);
   cipher_ = kx::P<brix::ICipher>::share(cipher);

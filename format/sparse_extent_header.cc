@@ -4,6 +4,7 @@
 
 #include "kx/data_stream.h"
 #include "kx/error.h"
+#include "kx/stream.h"
 
 namespace zarn {
 namespace {
@@ -107,6 +108,13 @@ void CVMDKSparseExtentHeader::store(kx::CDataOutStream& stream) {
   if (paddingSize) std::memcpy(sector + at, padding_.getData(), paddingSize);
   at += paddingSize;
   stream.write(sector, static_cast<int>(at));
+}
+
+void verifyVMDKSparseExtentHeaderFits(kx::IStreamBase& stream) {
+  const int64_t length = stream.getLength();
+  if (length >= kSectorSizeBytes) return;
+  throw kx::CIOError(kx::IOERR_DAMAGED_DATA, "VMDK file is too short for a sparse extent header.",
+                     kx::CProps().add("uri", stream.getURI().toString(true)).add("length", length));
 }
 
 }  // namespace zarn

@@ -16,6 +16,7 @@
 namespace kx {
 class CDataInStream;
 class CDataOutStream;
+class IStreamBase;
 }  // namespace kx
 
 namespace zarn {
@@ -119,5 +120,10 @@ class CVMDKSparseExtentHeader : public kx::CBase {
   uint16_t encryptionKeyHashAlgorithm_ = 0;
   kx::TBuffer<unsigned char> encryptionKeyHash_;
 };
+
+// Raises kx::CIOError code 5 ("VMDK file is too short for a sparse extent
+// header.", with "uri" and "length") when the stream can't hold a header
+// sector: a file cut short is damage, not a read past its end.
+void verifyVMDKSparseExtentHeaderFits(kx::IStreamBase& stream);
 
 }  // namespace zarn
