@@ -30,6 +30,18 @@ void writeZeros(kx::IOutStream& stream, int64_t size, const kx::TBuffer<unsigned
   }
 }
 
+// Zeros that lie inside the file's length already (a new file is made at its
+// full length first) are left as they are, so that a file system keeps them
+// as holes; anywhere else they are written.
+void skipZeros(kx::IOutStream& stream, int64_t size, const kx::TBuffer<unsigned char>& zeros) {
+  const int64_t position = stream.getPosition();
+  if (size > 0 && position + size <= stream.getLength()) {
+    stream.seek(position + size);
+  } else {
+    writeZeros(stream, size, zeros);
+  }
+}
+
 int32_t calcDirectorySectors(int32_t tableCount) { return (tableCount * 4 + kSectorSize - 1) / kSectorSize; }
 
 // Writes a directory of `tableCount` words, word i being `firstTable + i *
@@ -144,8 +156,19 @@ void writeEmptyFile(kx::IFileSystem* fileSystem, const kx::CURI& uri, bool compr
     header.setEncryptionKeyHash(keyHash);
   }
 
-  // Room for the header; it is written again once the offsets are known.
-  header.store(out);
+  // The file takes its full length at once: what stays zero is never
+  // written. The header goes last, once its offsets are known.
+  const int64_t tableCount64 = (grainCount + kVMDKGrainTableEntryCount - 1) / kVMDKGrainTableEntryCount;
+  const int64_t directorySectors64 = (tableCount64 * 4 + kSectorSize - 1) / kSectorSize;
+  const int64_t descriptorSectors64 = descriptor ? descriptorSizeSectors : 0;
+  const int64_t headSectors = compressed ? 4 + descriptorSectors64 + 3 * directorySectors64 + 13 * tableCount64
+                                         : 1 + descriptorSectors64 + 2 * directorySectors64 + 8 * tableCount64;
+  const int64_t finalSectors = (headSectors + grainSizeSectors - 1) / grainSizeSectors * grainSizeSectors +
+                               (compressed ? kVMDKTrailSectors : 0);
+  // Cut to nothing first: bytes an old file left must not stand in for zeros.
+  stream->setLength(0);
+  stream->setLength(finalSectors * kSectorSize);
+  stream->seek(kSectorSize);
 
   if (descriptor) {
     header.setDescriptorOffsetSectors(static_cast<uint64_t>(getStreamPositionVMDKSectors(*stream)));
@@ -169,7 +192,7 @@ void writeEmptyFile(kx::IFileSystem* fileSystem, const kx::CURI& uri, bool compr
 
   const int64_t grainSizeBytes = grainSizeSectors * kSectorSize;
   const int64_t rest = (grainSizeBytes - stream->getPosition() % grainSizeBytes) % grainSizeBytes;
-  writeZeros(*stream, rest, zeros);
+  skipZeros(*stream, rest, zeros);
 
   const int64_t overheadSectors = getStreamPositionVMDKSectors(*stream);
   header.setOverheadSectors(static_cast<uint64_t>(overheadSectors));
@@ -206,8 +229,8 @@ void writeEmptyVMDKGrainDirectoryAndTables(kx::CDataOutStream& out, int64_t tabl
     }
   } else {
     writeDirectory(out, count, first, kGrainTableSectors, zeros);
-    // The tables are one run of zeros: write it in pieces as large as `zeros`.
-    writeZeros(stream, static_cast<int64_t>(count) * kVMDKGrainTableSizeBytes, zeros);
+    // The tables are one run of zeros.
+    skipZeros(stream, static_cast<int64_t>(count) * kVMDKGrainTableSizeBytes, zeros);
   }
 }
 

@@ -22,7 +22,7 @@
 
 namespace {
 
-constexpr uint32_t kMaxFileBytes = 4u << 20;
+constexpr uint32_t kMaxFileBytes = 1u << 20;
 constexpr int kMaxFiles = 8;
 
 struct CReader {
@@ -56,7 +56,10 @@ kx::CURI unpack(const uint8_t* data, size_t size, kx::CMemoryFileSystem& fs) {
     while (in.take(&c, 1) && c != 0 && name.size() < 64) name += c;
     uint32_t length = 0;
     uint16_t pieces = 0;
-    if (name.empty() || name.find('/') != std::string::npos || !in.le(length) || !in.le(pieces)) break;
+    if (name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos || !in.le(length) ||
+        !in.le(pieces)) {
+      break;
+    }
     std::vector<unsigned char> bytes(std::min(length, kMaxFileBytes), 0);
     for (uint16_t p = 0; p < pieces; ++p) {
       uint32_t offset = 0;
@@ -67,9 +70,13 @@ kx::CURI unpack(const uint8_t* data, size_t size, kx::CMemoryFileSystem& fs) {
       }
       in.at += count;
     }
-    const kx::CURI uri = kx::CURI(kx::String("file:///d/")) << kx::String::FromUTF8(name.c_str());
-    fs.setFileData(uri, bytes.data(), bytes.size());
-    if (main.isEmpty()) main = uri;
+    try {
+      const kx::CURI uri = kx::CURI(kx::String("file:///d/")) << kx::String::FromUTF8(name.c_str());
+      fs.setFileData(uri, bytes.data(), bytes.size());
+      if (main.isEmpty()) main = uri;
+    } catch (const kx::CError&) {
+      break;  // a name no file can have
+    }
   }
   return main;
 }
@@ -82,7 +89,7 @@ void readAll(zarn::CVMDKDisk& disk) {
   kx::TBuffer<unsigned char> prepared;
   // A disk may claim far more grains than the input holds: a spread of them.
   const int64_t grains = (size + grain - 1) / grain;
-  const int64_t step = grains > 64 ? grains / 64 : 1;
+  const int64_t step = grains > 16 ? grains / 16 : 1;
   for (int64_t g = 0; g < grains; g += step) {
     try {
       disk.seek(g * grain);
