@@ -22,6 +22,9 @@ void CVMDKContentIDUpdater::onDiskAboutToChange(CVMDKSparseExtentFile& extent) {
                                     ? extent.getStream()
                                     : openVMDKFileStream(fileSystem_.get(), mainFileURI_, kx::IIOStream::ACCESS_READ_WRITE);
   auto accessor = kx::create<CVMDKDescriptorAccessor>(stream.get(), kx::IIOStream::ACCESS_READ_WRITE);
+  // A descriptor file grows with the new text where it must; an embedded one
+  // keeps its area.
+  accessor->setReplaceableFile(fileSystem_.get(), mainFileURI_);
   const uint32_t contentID = accessor->changeContentID();
   accessor->storeDescriptor(true);
   descriptor_->setContentID(contentID);

@@ -412,7 +412,7 @@ void CVMDKDescriptor::store(kx::IOutStream& stream, int size, const kx::TBuffer<
   if (static_cast<int64_t>(length) > size) {
     throw kx::CError(
         kx::String("Internal error: actual VMDK descriptor size exceeds target size (actual size: ") +
-        formatInt64(static_cast<int64_t>(length)) + ", target size: " + formatInt64(size));
+        formatInt64(static_cast<int64_t>(length)) + ", target size: " + formatInt64(size) + ")");
   }
   const int rest = size - static_cast<int>(length);
   if (static_cast<int64_t>(padBuffer.getUsed()) < rest) {

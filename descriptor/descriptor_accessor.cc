@@ -7,6 +7,7 @@
 #include "kx/log.h"
 #include "kx/random.h"
 #include "zarn/format_constants.h"
+#include "zarn/low_level_file_stream.h"
 #include "zarn/sparse_extent_header.h"
 
 namespace zarn {
@@ -126,11 +127,50 @@ uint32_t CVMDKDescriptorAccessor::changeContentID() {
   return contentID;
 }
 
+void CVMDKDescriptorAccessor::setReplaceableFile(kx::IFileSystem* fileSystem, const kx::CURI& uri) {
+  fileSystem_ = kx::P<kx::IFileSystem>::share(fileSystem);
+  fileURI_ = uri;
+}
+
+void CVMDKDescriptorAccessor::replaceDescriptorFile() {
+  descriptor_->setEncodingUTF8();
+  const int64_t size = static_cast<int64_t>(descriptor_->toString().toUTF8().size());
+  if (size > kMaxDescriptorSizeBytes) {
+    throw kx::CIOError(kx::IOERR_DAMAGED_DATA,
+                       kx::String("VMDK descriptor is too big (") + kx::String(std::to_string(size)) + " bytes).",
+                       kx::CProps().add("uri", fileURI_.toString(true)));
+  }
+  const kx::CURI newURI = fileURI_.getParent() << (fileURI_.getName() + ".new");
+  try {
+    fileSystem_->deleteFile(newURI, true);
+    {
+      kx::P<kx::IIOStream> stream = openVMDKFileStream(fileSystem_.get(), newURI, kx::IIOStream::ACCESS_READ_WRITE);
+      descriptor_->store(*stream, static_cast<int>(size), kx::TBuffer<unsigned char>());
+      // The new text is on the device before its name replaces the old one.
+      stream->flush();
+      stream->close();
+    }
+    fileSystem_->renameFile(newURI, fileURI_);
+  } catch (const kx::CError&) {
+    try {
+      fileSystem_->deleteFile(newURI, true);
+    } catch (const kx::CError& error) {
+      kx::logWarning(error, "Could not remove the unfinished new VMDK descriptor file. Ignoring.");
+    }
+    throw;
+  }
+  descriptorSize_ = size;
+}
+
 void CVMDKDescriptorAccessor::storeDescriptor(bool flush) {
   if (access_ != kx::IIOStream::ACCESS_READ_WRITE) {
     throw kx::CError(
         "Internal error: CVMDKDescriptorAccessor::storeDescriptor was called, but the accessor was not "
         "opened for writing.");
+  }
+  if (!embeddedInSparseExtentFile_ && fileSystem_) {
+    replaceDescriptorFile();
+    return;
   }
   const int64_t position = stream_->getPosition();
   try {

@@ -243,7 +243,9 @@ kx::P<CVMDKDescriptorAccessor> CVMDKDisk::openDescriptorAccessor() {
     }
   }
   auto stream = openVMDKFileStream(fileSystem_.get(), mainURI_, access_);
-  return kx::create<CVMDKDescriptorAccessor>(stream.get(), access_);
+  auto accessor = kx::create<CVMDKDescriptorAccessor>(stream.get(), access_);
+  if (access_ == kx::IIOStream::ACCESS_READ_WRITE) accessor->setReplaceableFile(fileSystem_.get(), mainURI_);
+  return accessor;
 }
 
 // An extent line may name fewer sectors than the file holds, never more: the

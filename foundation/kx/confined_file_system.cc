@@ -155,6 +155,16 @@ bool CConfinedFileSystem::fileExists(const CURI& uri) {
   return target_->fileExists(resolve(uri));
 }
 
+void CConfinedFileSystem::renameFile(const CURI& from, const CURI& to) {
+  if (folderFd_ >= 0) {
+    const std::string toPath = joinSegments(getRelativeSegments(to));
+    confined::renameBeneath(folderFd_, joinSegments(getRelativeSegments(from)), toPath, from,
+                            [&] { throwOutside(from); });
+    return;
+  }
+  target_->renameFile(resolve(from), resolve(to));
+}
+
 void CConfinedFileSystem::deleteFile(const CURI& uri, bool missingIsOk) {
   if (folderFd_ >= 0) {
     confined::deleteBeneath(folderFd_, joinSegments(getRelativeSegments(uri)), uri, missingIsOk,

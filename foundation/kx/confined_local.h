@@ -23,6 +23,8 @@ P<IIOStream> openBeneath(int folderFd, const std::string& relativePath, const CU
 bool existsBeneath(int folderFd, const std::string& relativePath, const CURI& uri, const std::function<void()>& refuse);
 void deleteBeneath(int folderFd, const std::string& relativePath, const CURI& uri, bool missingIsOk,
                    const std::function<void()>& refuse);
+void renameBeneath(int folderFd, const std::string& fromPath, const std::string& toPath, const CURI& from,
+                   const std::function<void()>& refuse);
 
 }  // namespace confined
 }  // namespace kx

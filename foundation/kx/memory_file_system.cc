@@ -271,6 +271,17 @@ void CMemoryFileSystem::deleteFile(const CURI& uri, bool missingIsOk) {
   if (files_->byKey.erase(key) == 0 && !missingIsOk) throw makeNotFoundError(uri);
 }
 
+void CMemoryFileSystem::renameFile(const CURI& from, const CURI& to) {
+  const std::string fromKey = makeKey(from), toKey = makeKey(to);
+  std::lock_guard<std::mutex> guard(files_->mutex);
+  auto found = files_->byKey.find(fromKey);
+  if (found == files_->byKey.end()) throw makeNotFoundError(from);
+  if (fromKey == toKey) return;
+  P<CMemoryFile> file = found->second.file;
+  files_->byKey.erase(found);
+  files_->byKey[toKey] = Files::Entry{to, file};
+}
+
 P<CMemoryFile> CMemoryFileSystem::findFile(const CURI& uri) {
   const std::string key = makeKey(uri);
   std::lock_guard<std::mutex> guard(files_->mutex);

@@ -127,5 +127,32 @@ void deleteBeneath(int folderFd, const std::string& relativePath, const CURI& ur
   posix::throwLocalSystemError("Deleting the file", error, uri);
 }
 
+void renameBeneath(int folderFd, const std::string& fromPath, const std::string& toPath, const CURI& from,
+                   const std::function<void()>& refuse) {
+  std::string fromName, toName;
+  const int fromParent = openParent(folderFd, fromPath, fromName);
+  if (fromParent < 0) {
+    if (errno == EXDEV) refuse();
+    posix::throwLocalSystemError("Renaming the file", errno, from);
+  }
+  // Readable, not a bare path: it is flushed once the name is in it.
+  const size_t slash = toPath.rfind('/');
+  toName = slash == std::string::npos ? toPath : toPath.substr(slash + 1);
+  const int toParent = slash == std::string::npos ? ::openat(folderFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)
+                                                  : openAt(folderFd, toPath.substr(0, slash), O_RDONLY | O_DIRECTORY, 0);
+  if (toParent < 0) {
+    const int error = errno;
+    ::close(fromParent);
+    if (error == EXDEV) refuse();
+    posix::throwLocalSystemError("Renaming the file", error, from);
+  }
+  const int result = ::renameat(fromParent, fromName.c_str(), toParent, toName.c_str());
+  const int error = errno;
+  if (result == 0) ::fsync(toParent);
+  ::close(fromParent);
+  ::close(toParent);
+  if (result != 0) posix::throwLocalSystemError("Renaming the file", error, from);
+}
+
 }  // namespace confined
 }  // namespace kx

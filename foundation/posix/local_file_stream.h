@@ -2,6 +2,8 @@
 // of the base library (the confined file system opens files beneath a folder).
 #pragma once
 
+#include <string>
+
 #include "kx/stream.h"
 #include "kx/uri.h"
 
@@ -13,6 +15,9 @@ P<IIOStream> adoptLocalFileStream(int fd, const CURI& uri, IIOStream::Access acc
 // The kx::CFileSystemError for a failed system call, as the local file system
 // raises it.
 [[noreturn]] void throwLocalSystemError(const char* operation, int error, const CURI& uri);
+// Flushes the folder that holds `path`, so that a new name in it lasts; does
+// nothing where the folder can't be opened.
+void syncFolderOf(const std::string& path);
 
 }  // namespace posix
 }  // namespace kx

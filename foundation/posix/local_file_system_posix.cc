@@ -13,6 +13,7 @@
 #include "kx/error.h"
 #include "kx/file_identity.h"
 #include "kx/local_file_system.h"
+#include "foundation/posix/local_file_stream.h"
 
 #ifndef F_OFD_SETLK
 #error "Byte-range locks need open file description locks (F_OFD_SETLK)"
@@ -407,10 +408,25 @@ void CLocalFileSystem::deleteFile(const CURI& uri, bool missingIsOk) {
   throwSystemError("Deleting the file", error, uri);
 }
 
+void CLocalFileSystem::renameFile(const CURI& from, const CURI& to) {
+  const std::string fromPath = getLocalPath(from), toPath = getLocalPath(to);
+  if (::rename(fromPath.c_str(), toPath.c_str()) != 0) throwSystemError("Renaming the file", errno, from);
+  posix::syncFolderOf(toPath);
+}
+
 }  // namespace kx
 
 namespace kx {
 namespace posix {
+
+void syncFolderOf(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  const std::string folder = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+  const int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return;  // the name is in place; only its durability is left to the system
+  ::fsync(fd);
+  ::close(fd);
+}
 
 P<IIOStream> adoptLocalFileStream(int fd, const CURI& uri, IIOStream::Access access) {
   P<CFileHandle> handle = create<CFileHandle>(fd);

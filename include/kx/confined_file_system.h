@@ -42,6 +42,7 @@ class CConfinedFileSystem final : public CBase, public IFileSystem {
   P<IIOStream> openFile(const CURI& uri, IIOStream::Access access, int& flags) override;
   bool fileExists(const CURI& uri) override;
   void deleteFile(const CURI& uri, bool missingIsOk) override;
+  void renameFile(const CURI& from, const CURI& to) override;
 
   // The name the target is given for `uri`, or the refusal.
   CURI resolve(const CURI& uri) const;

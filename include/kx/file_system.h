@@ -17,6 +17,13 @@ class IFileSystem : public virtual IBase {
   virtual bool fileExists(const CURI& uri) = 0;
   // Deletes the file; a missing file is no error when `missingIsOk`.
   virtual void deleteFile(const CURI& uri, bool missingIsOk) = 0;
+  // Gives the file `from` the name `to`, replacing any file of that name in
+  // one step: whoever opens `to` finds the old file or the new one, never
+  // none. Streams open on either keep the file they have. On return the new
+  // name is durable where the system can make it so (its folder is flushed).
+  // Raises kx::CFileSystemError (FSPROB_NOT_FOUND for a missing `from`) with
+  // the property "uri".
+  virtual void renameFile(const CURI& from, const CURI& to) = 0;
 };
 
 }  // namespace kx

@@ -25,6 +25,7 @@ class CFileSystemWrapper : public CBase, public IFileSystem {
   }
   bool fileExists(const CURI& uri) override { return target_->fileExists(uri); }
   void deleteFile(const CURI& uri, bool missingIsOk) override { target_->deleteFile(uri, missingIsOk); }
+  void renameFile(const CURI& from, const CURI& to) override { target_->renameFile(from, to); }
 
  private:
   P<IFileSystem> target_;

@@ -60,6 +60,7 @@ class CLocalFileSystem final : public CBase, public IFileSystem {
   // name can't be examined. Raises for a URI that isn't local.
   bool fileExists(const CURI& uri) override;
   void deleteFile(const CURI& uri, bool missingIsOk) override;
+  void renameFile(const CURI& from, const CURI& to) override;
 
   // The operating system's path of a local file URI, as bytes. Raises as
   // openFile does for a URI that isn't local or a path that isn't absolute.

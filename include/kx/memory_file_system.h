@@ -49,6 +49,7 @@ class CMemoryFileSystem final : public CBase, public IFileSystem {
   bool fileExists(const CURI& uri) override;
   // Streams that have the file open keep their copy alive.
   void deleteFile(const CURI& uri, bool missingIsOk) override;
+  void renameFile(const CURI& from, const CURI& to) override;
 
   // Helpers for tests. getFileData gives a copy of the file's bytes and
   // raises FSPROB_NOT_FOUND for a missing file; setFileData makes the file or

@@ -1,16 +1,20 @@
 // CVMDKDescriptorAccessor: reads a disk's descriptor from its place in the
-// main file and writes it back to the same place at the same size.
+// main file and writes it back.
 //
 // The main file is either a text file that holds only the descriptor, or a
 // sparse extent file whose header points at a reserved descriptor area. The
 // accessor finds out which when it is made. Either way the area is at most
-// 5 MiB, and a stored descriptor fills it exactly: text, then zero bytes. The
-// file never grows or shrinks through the accessor.
+// 5 MiB. An embedded descriptor is stored in its area, which it fills exactly:
+// text, then zero bytes. A descriptor file that the accessor may replace
+// (setReplaceableFile) is written whole into a new file beside it, flushed,
+// and renamed over it, so it may grow or shrink, and a crash leaves the old
+// text or the new one; otherwise it too is stored in place at its size.
 #pragma once
 
 #include <cstdint>
 
 #include "kx/base.h"
+#include "kx/file_system.h"
 #include "kx/stream.h"
 #include "zarn/descriptor.h"
 #include "zarn/format_constants.h"
@@ -56,13 +60,24 @@ class CVMDKDescriptorAccessor : public kx::CBase {
   // pass through; part of the area may then be written.
   void storeDescriptor(bool flush);
 
+  // Lets storeDescriptor replace a descriptor file, which the stream must be
+  // open on, by a new file of the text's own size: `uri` names the file in
+  // `fileSystem`, and the new text is made as `uri` with ".new" behind its
+  // name. Has no effect for an embedded descriptor.
+  void setReplaceableFile(kx::IFileSystem* fileSystem, const kx::CURI& uri);
+
  private:
   void readDescriptor();
   // Refuses an area above the limit.
   void checkSize(kx::IIOStream& stream) const;
 
+  // Writes the document into a new file and renames it over the old one.
+  void replaceDescriptorFile();
+
   kx::P<kx::IIOStream> stream_;
   kx::IIOStream::Access access_;
+  kx::P<kx::IFileSystem> fileSystem_;  // set by setReplaceableFile
+  kx::CURI fileURI_;
   bool embeddedInSparseExtentFile_ = false;
   int64_t descriptorOffset_ = 0;
   int64_t descriptorSize_ = 0;

@@ -99,8 +99,27 @@ TEST_F(ContentIDUpdaterTest, OneUpdatePerOpeningInTheFileThatHoldsTheDescriptor)
   }
 }
 
-TEST_F(ContentIDUpdaterTest, ADescriptorThatNoLongerFitsFailsTheWriteBeforeAnyData) {
+// A descriptor file grows with its text: it is written whole beside the old
+// one and renamed over it. An embedded descriptor keeps its area, and one that
+// no longer fits fails the first write before any data moves.
+TEST_F(ContentIDUpdaterTest, ADescriptorFileGrowsAnEmbeddedOneThatNoLongerFitsFailsTheWrite) {
   make(false, 58);  // room for the text, not for a longer ID and "encoding"
+  open("a", kx::IIOStream::ACCESS_READ_WRITE)->write("data", 4);
+  EXPECT_NE(contentIDInFile("d"), 0x1234u);
+  EXPECT_GT(test::readFileBytes(*memory_, uri("d")).size(), 58u);
+  EXPECT_FALSE(memory_->fileExists(kx::CURI(kx::String("file:///vms/d.vmdk.new"))));
+
+  make(true);
+  // Fill the embedded area (2 sectors) so that the longer ID and "encoding"
+  // no longer fit.
+  descriptor_->addGenericLine(std::string(944, '#'), false);
+  {
+    auto stream = zarn::openVMDKFileStream(memory_.get(), uri("a"), kx::IIOStream::ACCESS_READ_WRITE);
+    auto accessor = kx::create<zarn::CVMDKDescriptorAccessor>(stream.get(), kx::IIOStream::ACCESS_READ_WRITE);
+    *accessor->getDescriptor() = *descriptor_;
+    accessor->storeDescriptor(true);
+  }
+  updater_ = kx::create<zarn::CVMDKContentIDUpdater>(fs_.get(), uri("a"), descriptor_.get());
   const Bytes before = test::readFileBytes(*memory_, uri("a"));
   auto a = open("a", kx::IIOStream::ACCESS_READ_WRITE);
   EXPECT_THROW(a->write("data", 4), kx::CError);

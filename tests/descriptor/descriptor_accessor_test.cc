@@ -206,7 +206,7 @@ TEST(DescriptorAccessorTest, RefusedChangesLeaveFileAndPositionAlone) {
   auto writable = kx::create<CVMDKDescriptorAccessor>(stream.get(), kReadWrite);
   EXPECT_EQ(
       errorOf([&] { writable->storeDescriptor(true); }, -1),
-      "Internal error: actual VMDK descriptor size exceeds target size (actual size: 45, target size: 38");
+      "Internal error: actual VMDK descriptor size exceeds target size (actual size: 45, target size: 38)");
   EXPECT_EQ(contentOf(*stream), full);
   EXPECT_EQ(stream->getPosition(), 30);
 }

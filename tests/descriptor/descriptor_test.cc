@@ -305,7 +305,7 @@ TEST(DescriptorTest, StoreRefusesBeforeWritingAnythingAndPadsWithTheBuffer) {
   kx::CBufferStream stream;
   EXPECT_EQ(
       messageOf([&] { d->store(stream, 20, pad); }),
-      "Internal error: actual VMDK descriptor size exceeds target size (actual size: 21, target size: 20");
+      "Internal error: actual VMDK descriptor size exceeds target size (actual size: 21, target size: 20)");
   EXPECT_EQ(messageOf([&] { d->store(stream, 26, pad); }),
             "Internal error: pad buffer too small (size: 4, needed: 5");
   EXPECT_EQ(stream.getLength(), 0);

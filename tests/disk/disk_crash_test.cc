@@ -174,19 +174,19 @@ std::vector<Scenario> scenarios() {
                    work.write(*disk, 301, text(301));
                    work.flush(*disk);
                  }});
-  for (const Layout& layout : {kLayouts[0], kLayouts[2]}) {
+  for (const Layout& layout : {kLayouts[0], kLayouts[1], kLayouts[2]}) {
     // The child reads its parent's grains before and after: only where they
     // come from changes.
     const auto makeChild = [layout](const CWork& work) {
       uint32_t parentCID;
       {
-        auto parent = zarn::CVMDKDisk::create(work.fs, kParent, kDiskBytes, "", layout.compressed, -1, -1, "",
-                                              0xFFFFFFFF, false);
+        auto parent = zarn::CVMDKDisk::create(work.fs, kParent, kDiskBytes, "", layout.compressed, -1,
+                                              layout.fileSizeLimit, "", 0xFFFFFFFF, false);
         for (int64_t g : {0, 1, 2, 511, 512}) work.write(*parent, g, text(static_cast<int>(g) + 7));
         parentCID = parent->getDescriptor()->getContentID();
       }
-      zarn::CVMDKDisk::create(work.fs, kMain, kDiskBytes, "", layout.compressed, -1, -1, "parent.vmdk", parentCID,
-                              false);
+      zarn::CVMDKDisk::create(work.fs, kMain, kDiskBytes, "", layout.compressed, -1, layout.fileSizeLimit,
+                              "parent.vmdk", parentCID, false);
     };
     all.push_back({std::string("makeGrainIndependentOfParent ") + layout.name, layout, makeChild,
                    [](const CWork& work) {
@@ -266,7 +266,8 @@ TEST_P(DiskCrashTest, EveryFaultIsRaisedAndLeavesEveryGrainOldOrNew) {
   settled.settle();
   int points = 0, absorbed = 0;
   for (test::FileOp op : {test::FileOp::Open, test::FileOp::Read, test::FileOp::Write, test::FileOp::Seek,
-                          test::FileOp::Flush, test::FileOp::SetLength, test::FileOp::Lock, test::FileOp::Delete}) {
+                          test::FileOp::Flush, test::FileOp::SetLength, test::FileOp::Lock, test::FileOp::Delete,
+                          test::FileOp::Rename}) {
     for (bool sticky : {false, true}) {
       for (int n = 1;; ++n) {
         auto copy = kx::create<kx::CMemoryFileSystem>();

@@ -62,26 +62,35 @@ kx::P<kx::IIOStream> CCrashRecordingFileSystem::openFile(const kx::CURI& uri, kx
                                                          int& flags) {
   const bool creates = access != kx::IIOStream::ACCESS_READ && !target_->fileExists(uri);
   kx::P<kx::IIOStream> target = CFileSystemWrapper::openFile(uri, access, flags);
-  if (creates) record({Change::Create, keyOf(uri), uri, 0, {}});
+  if (creates) record(Change(Change::Create, uri));
   return kx::P<kx::IIOStream>::adopt(new CRecordingStream(kx::P<CCrashRecordingFileSystem>::share(this), target));
 }
 
 void CCrashRecordingFileSystem::deleteFile(const kx::CURI& uri, bool missingIsOk) {
   const bool exists = target_->fileExists(uri);
   CFileSystemWrapper::deleteFile(uri, missingIsOk);
-  if (exists) record({Change::Delete, keyOf(uri), uri, 0, {}});
+  if (exists) record(Change(Change::Delete, uri));
+}
+
+void CCrashRecordingFileSystem::renameFile(const kx::CURI& from, const kx::CURI& to) {
+  CFileSystemWrapper::renameFile(from, to);
+  record(Change(Change::Rename, from, 0, {}, to));
 }
 
 void CCrashRecordingFileSystem::recordWrite(const kx::CURI& uri, int64_t position, const void* data, int size) {
   const auto* bytes = static_cast<const unsigned char*>(data);
-  record({Change::Write, keyOf(uri), uri, position, std::vector<unsigned char>(bytes, bytes + size)});
+  record(Change(Change::Write, uri, position, std::vector<unsigned char>(bytes, bytes + size)));
 }
 
 void CCrashRecordingFileSystem::recordSetLength(const kx::CURI& uri, int64_t length) {
-  record({Change::SetLength, keyOf(uri), uri, length, {}});
+  record(Change(Change::SetLength, uri, length));
 }
 
-void CCrashRecordingFileSystem::recordFlush(const kx::CURI& uri) { record({Change::Flush, keyOf(uri), uri, 0, {}}); }
+void CCrashRecordingFileSystem::recordFlush(const kx::CURI& uri) { record(Change(Change::Flush, uri)); }
+
+CCrashRecordingFileSystem::Change::Change(Kind kind, const kx::CURI& uri, int64_t position,
+                                          std::vector<unsigned char> bytes, const kx::CURI& to)
+    : kind(kind), key(keyOf(uri)), uri(uri), position(position), bytes(std::move(bytes)), to(to) {}
 
 void CCrashRecordingFileSystem::record(Change change) {
   std::lock_guard<std::mutex> lock(mutex_);
@@ -113,6 +122,16 @@ kx::P<kx::CMemoryFileSystem> CCrashRecordingFileSystem::rebuild(int n, CrashKind
       case Change::Delete:
         files.erase(change.key);
         break;
+      case Change::Rename: {
+        auto found = files.find(change.key);
+        const std::string toKey = keyOf(change.to);
+        if (found == files.end() || change.key == toKey) break;
+        File moved = std::move(found->second);
+        moved.uri = change.to;
+        files.erase(found);
+        files[toKey] = std::move(moved);
+        break;
+      }
       case Change::Write:
         applyWrite(files[change.key].current, change.position, change.bytes);
         break;

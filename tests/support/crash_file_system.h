@@ -13,8 +13,8 @@
 // ProcessKilled before change n: every earlier change reached the file system
 // (the kernel keeps what a killed process wrote). PowerLost before change n:
 // of the earlier writes and length changes only those that a later flush of
-// the same file (before n) covered survive; creations and deletions count at
-// once, as on a file system that journals its names. A single write is never
+// the same file (before n) covered survive; creations, deletions and renames
+// count at once, as on a file system that journals its names. A single write is never
 // torn, as with the page cache of one write call.
 #pragma once
 
@@ -37,6 +37,7 @@ class CCrashRecordingFileSystem final : public kx::CFileSystemWrapper {
 
   kx::P<kx::IIOStream> openFile(const kx::CURI& uri, kx::IIOStream::Access access, int& flags) override;
   void deleteFile(const kx::CURI& uri, bool missingIsOk) override;
+  void renameFile(const kx::CURI& from, const kx::CURI& to) override;
 
   // Changes recorded so far; flushes are not counted.
   int getChangeCount() const;
@@ -51,11 +52,14 @@ class CCrashRecordingFileSystem final : public kx::CFileSystemWrapper {
 
  private:
   struct Change {
-    enum Kind { Create, Write, SetLength, Delete, Flush } kind;
+    enum Kind { Create, Write, SetLength, Delete, Rename, Flush } kind;
     std::string key;
     kx::CURI uri;
     int64_t position = 0;  // write position, or the new length
     std::vector<unsigned char> bytes;
+    kx::CURI to;  // the new name of a rename
+    Change(Kind kind, const kx::CURI& uri, int64_t position = 0, std::vector<unsigned char> bytes = {},
+           const kx::CURI& to = kx::CURI());
   };
   void record(Change change);
 

@@ -48,8 +48,8 @@ class CObservedStream final : public CStreamWrapper {
 }  // namespace
 
 const char* getFileOpName(FileOp op) {
-  static const char* const kNames[kFileOpCount] = {"open",  "read",      "write", "seek",
-                                                   "flush", "setLength", "lock",  "delete"};
+  static const char* const kNames[kFileOpCount] = {"open",      "read", "write",  "seek",  "flush",
+                                                   "setLength", "lock", "delete", "rename"};
   return kNames[static_cast<int>(op)];
 }
 
@@ -63,6 +63,11 @@ kx::P<kx::IIOStream> CObservedFileSystem::openFile(const kx::CURI& uri, kx::IIOS
 void CObservedFileSystem::deleteFile(const kx::CURI& uri, bool missingIsOk) {
   onOperation(FileOp::Delete, uri, 0);
   kx::CFileSystemWrapper::deleteFile(uri, missingIsOk);
+}
+
+void CObservedFileSystem::renameFile(const kx::CURI& from, const kx::CURI& to) {
+  onOperation(FileOp::Rename, from, 0);
+  kx::CFileSystemWrapper::renameFile(from, to);
 }
 
 }  // namespace test

@@ -12,8 +12,8 @@ namespace test {
 // readAvailable; Write covers write and writeKeepBuffer; Flush covers flush
 // and createWriteBarrier. Getters, close, waitReadable and the end-of-stream
 // tests aren't observed.
-enum class FileOp { Open, Read, Write, Seek, Flush, SetLength, Lock, Delete };
-constexpr int kFileOpCount = 8;
+enum class FileOp { Open, Read, Write, Seek, Flush, SetLength, Lock, Delete, Rename };
+constexpr int kFileOpCount = 9;
 
 const char* getFileOpName(FileOp op);
 
@@ -23,6 +23,7 @@ class CObservedFileSystem : public kx::CFileSystemWrapper {
 
   kx::P<kx::IIOStream> openFile(const kx::CURI& uri, kx::IIOStream::Access access, int& flags) override;
   void deleteFile(const kx::CURI& uri, bool missingIsOk) override;
+  void renameFile(const kx::CURI& from, const kx::CURI& to) override;
 
   // Called before each observed operation with the URI of its file. If it
   // raises, the operation fails with that error and the target isn't called.

@@ -77,10 +77,15 @@ TEST_F(ConfinedFileSystemTest, EncodedSeparatorsDotsAndPrefixesAreTakenApartBySe
     EXPECT_THROW(confined->openFile(hostile, kx::IIOStream::ACCESS_READ, flags), kx::CFileSystemError);
     EXPECT_THROW(confined->fileExists(hostile), kx::CFileSystemError);
     EXPECT_THROW(confined->deleteFile(hostile, true), kx::CFileSystemError);
+    EXPECT_THROW(confined->renameFile(hostile, uri("vms/x.vmdk")), kx::CFileSystemError);
+    EXPECT_THROW(confined->renameFile(uri("vms/disk.vmdk"), hostile), kx::CFileSystemError);
   }
   EXPECT_TRUE(local_->fileExists(kx::CURI(kx::String(base + "/vms/%2E%2E/outside.vmdk"))))
       << "unconfined, the encoded dots reach out";
   EXPECT_TRUE(confined->fileExists(kx::CURI(kx::String(base + "/vms/sub/../disk.vmdk"))));
+  confined->renameFile(uri("vms/disk.vmdk"), uri("vms/moved.vmdk"));
+  EXPECT_TRUE(local_->fileExists(uri("vms/moved.vmdk")));
+  EXPECT_FALSE(local_->fileExists(uri("vms/disk.vmdk")));
 }
 
 TEST_F(ConfinedFileSystemTest, ALinkSwappedInAfterTheCheckIsRefused) {

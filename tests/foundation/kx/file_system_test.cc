@@ -177,6 +177,17 @@ TEST_P(StreamContractTest, FilesComeAndGoByName) {
   EXPECT_EQ(read(*stream, 4), "kept");
   EXPECT_EQ(open("f")->getLength(), 0);  // a new file of the same name
   EXPECT_EQ(identity->checkSameFile(uri("f")), 0);
+
+  // A rename replaces the target in one step; a stream keeps its file.
+  write(*open("new"), "new text");
+  kx::P<kx::IIOStream> old = open("old");
+  write(*old, "old");
+  fs_->renameFile(uri("new"), uri("old"));
+  EXPECT_FALSE(fs_->fileExists(uri("new")));
+  EXPECT_EQ(read(*open("old", kRead), 8), "new text");
+  old->seek(0);
+  EXPECT_EQ(read(*old, 3), "old");
+  EXPECT_EQ(fsProblem([&] { fs_->renameFile(uri("new"), uri("old")); }), kx::FSPROB_NOT_FOUND);
 }
 
 // Locks of one open never conflict with each other. On the local file system
