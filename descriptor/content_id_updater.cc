@@ -25,6 +25,11 @@ void CVMDKContentIDUpdater::onDiskAboutToChange(CVMDKSparseExtentFile& extent) {
   // A descriptor file grows with the new text where it must; an embedded one
   // keeps its area.
   accessor->setReplaceableFile(fileSystem_.get(), mainFileURI_);
+  // The first store of an opening also gives the one extent line of a copied
+  // or renamed single-file disk the file's own name.
+  if (accessor->getEmbeddedInSparseExtentFile()) {
+    accessor->getDescriptor()->correctSingleExtentFilename(mainFileURI_.getName());
+  }
   const uint32_t contentID = accessor->changeContentID();
   accessor->storeDescriptor(true);
   descriptor_->setContentID(contentID);

@@ -501,6 +501,17 @@ void CVMDKDescriptor::getExtentEntries(kx::TArray<kx::P<CVMDKExtentInfo>>& exten
   }
 }
 
+bool CVMDKDescriptor::correctSingleExtentFilename(const kx::String& name) {
+  kx::TArray<kx::P<CVMDKExtentInfo>> extents;
+  getExtentEntries(extents);
+  if (extents.size() != 1 || extents[0]->getFilename() == name || name.isEmpty()) return false;
+  for (const wxUniChar c : {wxUniChar('"'), wxUniChar('\\'), wxUniChar('\n'), wxUniChar('\r'), wxUniChar(0)}) {
+    if (name.find(c) != kx::String::npos) return false;
+  }
+  extents[0]->setFilename(name);
+  return true;
+}
+
 const kx::TArray<kx::P<CVMDKDescriptorEntry>>& CVMDKDescriptor::getEntries() const {
   entries_.clear();
   entries_.reserve(lines_.size());

@@ -105,8 +105,16 @@ CVMDKDisk::CVMDKDisk(kx::IFileSystem* fileSystem, const kx::CURI& uri, kx::IIOSt
   grainTableCache_ = grainTableCache ? kx::P<CVMDKGrainTableCache>::share(grainTableCache)
                                      : kx::create<CVMDKGrainTableCache>(CVMDKGrainTableCache::kDefaultLimit);
 
-  descriptor_ = openDescriptorAccessor()->getDescriptor();
+  bool embedded = false;
+  {
+    kx::P<CVMDKDescriptorAccessor> accessor = openDescriptorAccessor();
+    descriptor_ = accessor->getDescriptor();
+    embedded = accessor->getEmbeddedInSparseExtentFile();
+  }
   if (!descriptor_) throw kx::CIOError(kx::IOERR_DAMAGED_DATA, "No descriptor found in main VMDK file.", uriProps(uri));
+  // A single-file disk that was copied or renamed reads and writes itself,
+  // not the file its line still names; the first store corrects the line.
+  if (embedded) descriptor_->correctSingleExtentFilename(mainURI_.getName());
   const kx::String createType = descriptor_->getCreateType();
   if (createType != "twoGbMaxExtentSparse" && createType != "streamOptimized" && createType != "monolithicSparse") {
     throw kx::CIOError(kx::IOERR_DAMAGED_DATA, "VMDK disk has an unsupported create type: '" + createType + "'.",

@@ -134,6 +134,12 @@ class CVMDKDescriptor : public kx::CBase {
   // Appends the extent lines in document order to `extents`, which is not
   // cleared first. The objects are the document's own.
   void getExtentEntries(kx::TArray<kx::P<CVMDKExtentInfo>>& extents) const;
+  // For a descriptor embedded in its one extent: that extent is the file that
+  // holds the descriptor, whatever name its line gives (a disk that was copied
+  // or renamed keeps the old one). Sets the line's file name to `name` when
+  // there is exactly one extent line, its name differs, and `name` can stand
+  // in a line (no quote, backslash or line end); returns whether it changed.
+  bool correctSingleExtentFilename(const kx::String& name);
 
   // The lines in document order; the objects are the document's own. Every
   // line becomes an object, so this costs memory by the line; the array is

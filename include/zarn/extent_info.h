@@ -34,6 +34,7 @@ class CVMDKExtentInfo : public CVMDKDescriptorEntry {
   int64_t getSizeSectors() const { return sizeSectors_; }
   const kx::String& getType() const { return type_; }
   const kx::String& getFilename() const { return filename_; }
+  void setFilename(const kx::String& filename) { filename_ = filename; }
   int64_t getOffset() const { return offset_; }
 
  private:

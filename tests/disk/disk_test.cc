@@ -19,6 +19,8 @@
 #include "tests/support/file_bytes.h"
 #include "tests/support/grain_data.h"
 #include "tests/support/temp_dir.h"
+#include "zarn/descriptor_accessor.h"
+#include "zarn/low_level_file_stream.h"
 
 namespace {
 
@@ -173,6 +175,40 @@ TEST_F(DiskTest, CreationRefusesBeforeTouchingAFile) {
         kx::CError("none"));
     EXPECT_EQ(error.getMessage().ToStdString(), c.message);
     EXPECT_TRUE(fs_->listFiles().empty());
+  }
+}
+
+// A single-file disk copied or renamed is itself, not the file its extent
+// line names: it reads and writes its own bytes, and its first write gives
+// the line its own name. The original stays as it was.
+TEST_F(DiskTest, ACopiedSingleFileDiskReadsAndWritesItself) {
+  for (const Layout& layout : {kLayouts[0], kLayouts[2]}) {
+    SCOPED_TRACE(layout.createType);
+    const Bytes first = test::textGrain(65536, 1), second = test::noiseGrain(65536, 2);
+    create(layout)->write(first.data(), 65536);
+    const kx::CURI copy(kx::String("file:///vms/copy.vmdk"));
+    const kx::TBuffer<unsigned char> original = fs_->getFileData(uri_);
+    fs_->setFileData(copy, original.getData(), original.getUsed());
+    {
+      auto disk = kx::create<zarn::CVMDKDisk>(fs_.get(), copy, kx::IIOStream::ACCESS_READ_WRITE, "");
+      Bytes back(65536);
+      disk->read(back.data(), 65536);
+      EXPECT_EQ(back, first);
+      disk->seek(0);
+      disk->write(second.data(), 65536);
+    }
+    EXPECT_TRUE(fs_->getFileData(uri_) == original);
+    auto disk = kx::create<zarn::CVMDKDisk>(fs_.get(), copy, kx::IIOStream::ACCESS_READ, "");
+    Bytes back(65536);
+    disk->read(back.data(), 65536);
+    EXPECT_EQ(back, second);
+    kx::TArray<kx::P<zarn::CVMDKExtentInfo>> extents;
+    kx::create<zarn::CVMDKDescriptorAccessor>(zarn::openVMDKFileStream(fs_.get(), copy, kx::IIOStream::ACCESS_READ).get(),
+                                             kx::IIOStream::ACCESS_READ)
+        ->getDescriptor()
+        ->getExtentEntries(extents);
+    ASSERT_EQ(extents.size(), 1u);
+    EXPECT_EQ(extents[0]->getFilename(), "copy.vmdk");
   }
 }
 
