@@ -494,6 +494,76 @@ int64_t CVMDKDisk::getVirtualDiskSizeBytesFromMinSizeBytes(int64_t minSizeBytes)
   return size > kLargest ? kLargest : (size + kGrainBytes - 1) / kGrainBytes * kGrainBytes;
 }
 
+CVMDKDisk::CCreationLayout CVMDKDisk::calcCreationLayout(int64_t sizeBytes, bool compressed, int64_t fileSizeLimit,
+                                                          const kx::String& mainFileName) {
+  const char* context = "CVMDKDisk::create";
+  if (fileSizeLimit == 0 || fileSizeLimit < -1) {
+    throw kx::CInvalidArgError(context, kx::String::Format("Invalid VMDK file size limit: %lld bytes",
+                                                           static_cast<long long>(fileSizeLimit)));
+  }
+  fileSizeLimit = std::min(fileSizeLimit, kLargestFileBytes);
+  const int64_t virtualBytes = getVirtualDiskSizeBytesFromMinSizeBytes(sizeBytes);
+  if (virtualBytes > kLargestFileBytes && fileSizeLimit == -1) {
+    throw kx::CInvalidArgError(context,
+                               kx::String::Format("Invalid VMDK disk size for single unsplittable disk file: %lld bytes.",
+                                                  static_cast<long long>(virtualBytes)),
+                               kx::CProps().add("sizeBytes", virtualBytes));
+  }
+  const int64_t totalGrains = virtualBytes / kGrainBytes;
+
+  // How much one extent file may hold, from the largest metadata it can need.
+  int64_t maxExtentBytes;
+  bool descriptorEmbedded = true;
+  if (fileSizeLimit == -1) {
+    maxExtentBytes = (virtualBytes + 0x100000) * 10;
+  } else if (compressed) {
+    maxExtentBytes = (fileSizeLimit - 1) / 2;
+  } else {
+    maxExtentBytes = fileSizeLimit - 1;
+    descriptorEmbedded = false;
+  }
+  const int64_t maxGrainsPerExtent = maxExtentBytes / kGrainBytes;
+  const int64_t grainTableCount = (maxGrainsPerExtent + 511) / 512;
+  const int64_t directorySectors = (grainTableCount * 4 + 511) / 512;
+  int64_t metadataBytes = (directorySectors + grainTableCount * 4) * 1024 + 512;
+  if (compressed) metadataBytes += (grainTableCount * 5 + directorySectors + 3) * 512;
+  const auto lineBytes = static_cast<int64_t>(mainFileName.toUTF8().size()) + 48;
+  // The first extent keeps room for the descriptor: at first for 32768 extent
+  // lines, and for as many as the disk turns out to need beyond that.
+  int64_t reservedDescriptorBytes = (lineBytes + 1) * 32768;
+  CCreationLayout layout;
+  layout.virtualSizeBytes = virtualBytes;
+  layout.descriptorEmbedded = descriptorEmbedded;
+  for (;;) {
+    int64_t overheadBytes = metadataBytes + (descriptorEmbedded ? reservedDescriptorBytes : 0);
+    overheadBytes = (overheadBytes + kGrainBytes - 1) / kGrainBytes * kGrainBytes;
+    if (compressed) overheadBytes += (maxGrainsPerExtent + 3) * 512;
+    const int64_t payloadRoom = maxExtentBytes - overheadBytes;
+    // Whole grains, rounded down also below zero.
+    const int64_t maxExtentPayloadBytes =
+        (payloadRoom >= 0 ? payloadRoom / kGrainBytes : -((-payloadRoom + kGrainBytes - 1) / kGrainBytes)) * kGrainBytes;
+    if (maxExtentPayloadBytes < kGrainBytes) {
+      throw kx::CError(kx::String::Format("Internal error: calculated VMDK maxExtentPayloadBytes is less than grain "
+                                          "size: %lld",
+                                          static_cast<long long>(maxExtentPayloadBytes)));
+    }
+    layout.grainsPerExtent = maxExtentPayloadBytes / kGrainBytes;
+    layout.extentCount = std::max<int64_t>(1, (totalGrains + layout.grainsPerExtent - 1) / layout.grainsPerExtent);
+    const int64_t extentCountEstimate = virtualBytes / maxExtentPayloadBytes + 1;
+    layout.descriptorSectors = (lineBytes * extentCountEstimate + 0x81FF) / 512;
+    if (layout.descriptorSectors * 512 > kVMDKMaxDescriptorSizeBytes) {
+      throw kx::CInvalidArgError(
+          context,
+          kx::String::Format("The VMDK disk would need %lld extent files, more than a descriptor can name; a larger "
+                             "file size limit needs fewer.",
+                             static_cast<long long>(layout.extentCount)),
+          kx::CProps().add("sizeBytes", virtualBytes).add("extentCount", layout.extentCount));
+    }
+    if (!descriptorEmbedded || layout.descriptorSectors * 512 <= reservedDescriptorBytes) return layout;
+    reservedDescriptorBytes = layout.descriptorSectors * 512;
+  }
+}
+
 kx::P<CVMDKDisk> CVMDKDisk::create(kx::IFileSystem* fileSystem, const kx::CURI& uri, int64_t sizeBytes,
                                    const kx::String& password, bool compressed, int compressionLevel,
                                    int64_t fileSizeLimit, const kx::String& sParentRelPath, uint32_t parentContentID,
@@ -513,55 +583,11 @@ kx::P<CVMDKDisk> CVMDKDisk::create(kx::IFileSystem* fileSystem, const kx::CURI& 
                                  kx::CProps().add("uri", uri.toString(true)));
     }
   }
-  if (fileSizeLimit == 0 || fileSizeLimit < -1) {
-    throw kx::CInvalidArgError(context, kx::String::Format("Invalid VMDK file size limit: %lld bytes",
-                                                           static_cast<long long>(fileSizeLimit)));
-  }
-  fileSizeLimit = std::min(fileSizeLimit, kLargestFileBytes);
-  const int64_t virtualBytes = getVirtualDiskSizeBytesFromMinSizeBytes(sizeBytes);
-  if (virtualBytes > kLargestFileBytes && fileSizeLimit == -1) {
-    throw kx::CInvalidArgError(context,
-                               kx::String::Format("Invalid VMDK disk size for single unsplittable disk file: %lld bytes.",
-                                                  static_cast<long long>(virtualBytes)),
-                               kx::CProps().add("sizeBytes", virtualBytes));
-  }
+  const CCreationLayout layout = calcCreationLayout(sizeBytes, compressed, fileSizeLimit, name);
+  const int64_t virtualBytes = layout.virtualSizeBytes;
   const int64_t totalSectors = virtualBytes / kSectorSizeBytes, totalGrains = virtualBytes / kGrainBytes;
-
-  // How much one extent file may hold, from the largest metadata it can need.
-  int64_t maxExtentBytes;
-  bool descriptorEmbedded = true;
-  if (fileSizeLimit == -1) {
-    maxExtentBytes = (virtualBytes + 0x100000) * 10;
-  } else if (compressed) {
-    maxExtentBytes = (fileSizeLimit - 1) / 2;
-  } else {
-    maxExtentBytes = fileSizeLimit - 1;
-    descriptorEmbedded = false;
-  }
-  const int64_t maxGrainsPerExtent = maxExtentBytes / kGrainBytes;
-  const int64_t grainTableCount = (maxGrainsPerExtent + 511) / 512;
-  const int64_t directorySectors = (grainTableCount * 4 + 511) / 512;
-  int64_t metadataBytes = (directorySectors + grainTableCount * 4) * 1024 + 512;
-  if (compressed) metadataBytes += (grainTableCount * 5 + directorySectors + 3) * 512;
-  const auto lineBytes = static_cast<int64_t>(uri.getName().toUTF8().size()) + 48;
-  const int64_t worstCaseDescriptorBytes = (lineBytes + 1) * 32768;
-  int64_t overheadBytes = metadataBytes + (descriptorEmbedded ? worstCaseDescriptorBytes : 0);
-  overheadBytes = (overheadBytes + kGrainBytes - 1) / kGrainBytes * kGrainBytes;
-  if (compressed) overheadBytes += (maxGrainsPerExtent + 3) * 512;
-  const int64_t payloadRoom = maxExtentBytes - overheadBytes;
-  const int64_t maxExtentPayloadBytes = payloadRoom < kGrainBytes ? payloadRoom : payloadRoom / kGrainBytes * kGrainBytes;
-  if (maxExtentPayloadBytes < kGrainBytes) {
-    throw kx::CError(kx::String::Format("Internal error: calculated VMDK maxExtentPayloadBytes is less than grain size: %lld",
-                                        static_cast<long long>(maxExtentPayloadBytes)));
-  }
-  const int64_t extentCountEstimate = virtualBytes / maxExtentPayloadBytes + 1;
-  const int64_t descriptorSectors = (lineBytes * extentCountEstimate + 0x81FF) / 512;
-  if (descriptorSectors * 512 > worstCaseDescriptorBytes) {
-    throw kx::CError(kx::String::Format("Internal error: calculated VMDK descriptor size exceeds estimated worst case "
-                                        "descriptor size (calculated: %lld, worstCase: %lld)",
-                                        static_cast<long long>(descriptorSectors * 512),
-                                        static_cast<long long>(worstCaseDescriptorBytes)));
-  }
+  const bool descriptorEmbedded = layout.descriptorEmbedded;
+  const int64_t descriptorSectors = layout.descriptorSectors;
 
   // The descriptor.
   auto descriptor = kx::create<CVMDKDescriptor>();
@@ -583,7 +609,7 @@ kx::P<CVMDKDisk> CVMDKDisk::create(kx::IFileSystem* fileSystem, const kx::CURI& 
     int64_t grains;
   };
   kx::TArray<Extent> extents;
-  const int64_t grainsPerExtent = maxExtentPayloadBytes / kGrainBytes;
+  const int64_t grainsPerExtent = layout.grainsPerExtent;
   for (int64_t first = 0, i = 0; first < totalGrains; first += grainsPerExtent, ++i) {
     const int64_t grains = std::min(grainsPerExtent, totalGrains - first);
     const kx::String name = i == 0 && descriptorEmbedded

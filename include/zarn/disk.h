@@ -96,6 +96,24 @@ class CVMDKDisk : public kx::CBase {
   // At least 8 MiB, rounded up to whole grains of 64 KiB.
   static int64_t getVirtualDiskSizeBytesFromMinSizeBytes(int64_t minSizeBytes);
 
+  // How `create` lays a disk out over its files, worked out without touching
+  // one: for the same arguments `create` makes exactly this.
+  struct CCreationLayout {
+    int64_t virtualSizeBytes = 0;  // the disk's size
+    bool descriptorEmbedded = true;  // in the first extent, else a file of its own
+    int64_t grainsPerExtent = 0;   // of every extent but the last
+    int64_t extentCount = 0;
+    int64_t descriptorSectors = 0;  // reserved for the descriptor
+  };
+  // Raises what `create` raises for its sizes: kx::CInvalidArgError for a size
+  // that one file can't hold or that needs more extent files than a
+  // descriptor can name (with "sizeBytes", and "extentCount"), and the
+  // internal error of a file size limit too small for its metadata.
+  // `mainFileName` is the main file's name, whose length the extent lines
+  // take.
+  static CCreationLayout calcCreationLayout(int64_t sizeBytes, bool compressed, int64_t fileSizeLimit,
+                                            const kx::String& mainFileName);
+
   // Bytes at the position, which moves on. Raises kx::CIOError code 4 (read)
   // or 3 (write) beyond the disk, before anything moves; a write on a disk
   // opened for reading raises an internal kx::CError.

@@ -146,6 +146,51 @@ TEST_F(DiskTest, CreationSizesFilesByTheLimit) {
   EXPECT_TRUE(fs_->fileExists(kx::CURI(kx::String("file:///vms/disk-s00000.vmdk"))));
 }
 
+// Each layout up to the largest disk it can describe: one file up to 2 TiB,
+// split ones until the extent lines fill the largest descriptor.
+TEST_F(DiskTest, CreationReachesTheLargestSizesEachLayoutAllows) {
+  constexpr int64_t kTiB = int64_t{1} << 40, kGiB = int64_t{1} << 30;
+  struct Case {
+    int64_t size;
+    bool compressed;
+    int64_t limit;
+    int64_t extents;  // 0: refused
+  } cases[] = {
+      {2 * kTiB, false, -1, 1},           {2 * kTiB, true, -1, 1},
+      {64 * kTiB, false, 2 * kGiB, 32775}, {64 * kTiB, true, 2 * kGiB, 66310},
+      {128 * kTiB, false, 2 * kGiB, 65549}, {256 * kTiB, false, 2 * kGiB, 0},
+      {100 * 1024 * kTiB, false, 2 * kTiB, 51207}, {100 * 1024 * kTiB, true, 2 * kTiB, 0},
+      {50 * 1024 * kTiB, true, 2 * kTiB, 51614},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::to_string(c.size) + (c.compressed ? " compressed " : " ") + std::to_string(c.limit));
+    if (c.extents == 0) {
+      EXPECT_THROW(zarn::CVMDKDisk::calcCreationLayout(c.size, c.compressed, c.limit, "disk.vmdk"), kx::CInvalidArgError);
+      continue;
+    }
+    const auto layout = zarn::CVMDKDisk::calcCreationLayout(c.size, c.compressed, c.limit, "disk.vmdk");
+    EXPECT_EQ(layout.extentCount, c.extents);
+    EXPECT_GE(layout.grainsPerExtent * layout.extentCount * 65536, c.size);
+    EXPECT_LE(layout.descriptorSectors * 512, 5 << 20);
+  }
+  // Made for real, as far as a test can: 64 TiB in files of 2 TiB, whose
+  // empty tables stay holes.
+  test::CTempDir dir;
+  auto local = kx::create<kx::CLocalFileSystem>();
+  const kx::CURI uri = dir.getFileURI("big.vmdk");
+  {
+    auto disk = zarn::CVMDKDisk::create(local.get(), uri, 64 * kTiB, "", false, -1, 2 * kTiB, "", 0xFFFFFFFF, false);
+    EXPECT_EQ(disk->getSizeBytes(), 64 * kTiB);
+    disk->seek(64 * kTiB - 3);
+    disk->write("end", 3);
+  }
+  auto disk = kx::create<zarn::CVMDKDisk>(local.get(), uri, kx::IIOStream::ACCESS_READ, "");
+  char back[3];
+  disk->seek(64 * kTiB - 3);
+  disk->read(back, 3);
+  EXPECT_EQ(std::string(back, 3), "end");
+}
+
 TEST_F(DiskTest, CreationRefusesBeforeTouchingAFile) {
   struct Case {
     int64_t size;
@@ -160,10 +205,11 @@ TEST_F(DiskTest, CreationRefusesBeforeTouchingAFile) {
       {1, false, -1, "", 5, "sParentRelPath and parentContentID must either both be specified or both have the default values."},
       {(int64_t{2} << 40) + 1, false, -1, "", 0xFFFFFFFF,
        "Invalid VMDK disk size for single unsplittable disk file: 2199023321088 bytes."},
-      {1, true, 1 << 20, "", 0xFFFFFFFF, "Internal error: calculated VMDK maxExtentPayloadBytes is less than grain size: -1446913"},
-      {int64_t{3} << 30, false, 131073, "", 0xFFFFFFFF,
-       "Internal error: calculated VMDK descriptor size exceeds estimated worst case descriptor size (calculated: "
-       "2834944, worstCase: 1900544)"},
+      {1, true, 1 << 20, "", 0xFFFFFFFF, "Internal error: calculated VMDK maxExtentPayloadBytes is less than grain size: -1507328"},
+      {1, false, 128 << 10, "", 0xFFFFFFFF, "Internal error: calculated VMDK maxExtentPayloadBytes is less than grain size: 0"},
+      {int64_t{8} << 30, false, 131073, "", 0xFFFFFFFF,
+       "The VMDK disk would need 131072 extent files, more than a descriptor can name; a larger file size limit needs "
+       "fewer."},
   };
   const kx::CURI quoted(kx::String("file:///vms/a%22b.vmdk"));
   EXPECT_EQ(test::caught([&] { zarn::CVMDKDisk::create(fs_.get(), quoted, 1, "", false, -1, -1, "", 0xFFFFFFFF, false); },
