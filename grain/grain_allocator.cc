@@ -24,9 +24,6 @@ CVMDKGrainAllocator::CVMDKGrainAllocator(kx::IIOStream* stream, kx::IIOStream::A
       alignmentSectors_ < 1 || alignmentSectors_ > kVMDKMaxGrainSizeSectors) {
     throw kx::CError("Internal error: CVMDKGrainAllocator needs a stream, a directory and a valid geometry.");
   }
-  zeroFill_.setUsed(static_cast<size_t>(std::max(grainSizeBytes_ * 2, alignmentBytes_)));
-  zeroFill_.fill(0);
-
   const int64_t length = stream_->getLength();
   if (trailData.isEmpty()) {
     endPosition_ = length;
@@ -76,6 +73,11 @@ int64_t CVMDKGrainAllocator::allocNewGrainKeepBuffer(int64_t grainIndex,
 }
 
 void CVMDKGrainAllocator::writeZeros(int64_t count) {
+  // Made at the first need: a reader never pays for twice its grain size.
+  if (count > 0 && zeroFill_.isEmpty()) {
+    zeroFill_.setUsed(static_cast<size_t>(std::max(grainSizeBytes_ * 2, alignmentBytes_)));
+    zeroFill_.fill(0);
+  }
   while (count > 0) {
     const int piece = static_cast<int>(std::min<int64_t>(count, static_cast<int64_t>(zeroFill_.getUsed())));
     stream_->write(zeroFill_.getData(), piece, nullptr);
