@@ -355,6 +355,12 @@ void CVMDKGrain::write(const void* buffer, int size) {
     throw kx::CError("Internal error: CVMDKGrain::write was called, but the grain was not opened for writing.");
   }
   checkOpen("write");
+  if (!compressed_ && !cipher_ && !dirty_ && grainData_.isEmpty() && (posSectors_ > 0 || size == grainSizeBytes_)) {
+    // A plain grain's stored form is its bytes: what changes goes straight to
+    // its slot, with no read of the rest and no copy through the buffer.
+    writeThrough(buffer, size);
+    return;
+  }
   if (size == grainSizeBytes_) {
     grainData_.setUsed(static_cast<size_t>(grainSizeBytes_));
   } else if (grainData_.isEmpty()) {
@@ -363,6 +369,18 @@ void CVMDKGrain::write(const void* buffer, int size) {
   std::memcpy(grainData_.getData() + posInGrain_, buffer, static_cast<size_t>(size));
   posInGrain_ += size;
   dirty_ = true;
+}
+
+void CVMDKGrain::writeThrough(const void* buffer, int size) {
+  if (posSectors_ > 0) {
+    stream_->seek(posSectors_ * kSectorSizeBytes + posInGrain_);
+    stream_->write(buffer, size, nullptr);
+  } else if (fallbackProvider_ || !isAllZero(static_cast<const unsigned char*>(buffer), static_cast<size_t>(size))) {
+    // A whole grain without a slot (a partial one never comes here).
+    posSectors_ = allocator_->allocNewGrain(extentGrainIndex_, buffer, size, static_cast<int>(grainSizeSectors_));
+    slotSizeSectors_ = grainSizeSectors_;
+  }
+  posInGrain_ += size;
 }
 
 void CVMDKGrain::flushChangesToStream() {

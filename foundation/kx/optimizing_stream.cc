@@ -254,7 +254,7 @@ void COptimizingIOStream::close() {
 void COptimizingIOStream::write(const void* data, int size, IWriteBarrier*) {
   checkOpen();
   checkSize(size, "COptimizingIOStream::write");
-  writeImpl(static_cast<const unsigned char*>(data), size, size >= bufferSizeBytes_);
+  writeImpl(static_cast<const unsigned char*>(data), size, size >= std::min(kDirectWriteMinBytes, bufferSizeBytes_));
 }
 
 void COptimizingIOStream::writeKeepBuffer(const TConstBufferSlice<unsigned char>& data, IWriteBarrier*) {

@@ -134,8 +134,9 @@ class COptimizingIOStream : public COptimizingInStream, public virtual IIOStream
  public:
   // Takes its own reference on `target`. `bufferSizeBytes` is also the size of
   // the write buffer, allocated at the first write that it takes; writes of
-  // that size or more, and kept slices of kDirectKeepBufferMinBytes or more,
-  // go to the target without a copy.
+  // kDirectWriteMinBytes or more (or the buffer's size, if less), and kept
+  // slices of kDirectKeepBufferMinBytes or more, go to the target without a
+  // copy.
   explicit COptimizingIOStream(P<IIOStream> target, int bufferSizeBytes = kDefaultBufferSizeBytes);
   // Writes buffered data back to the target (not the target's flush); an error
   // goes to kx::onExceptionInDestructorIgnored.
@@ -144,6 +145,9 @@ class COptimizingIOStream : public COptimizingInStream, public virtual IIOStream
   // A kept slice this long is written from the caller's buffer: the copy
   // would cost more than the extra target call.
   static constexpr int kDirectKeepBufferMinBytes = 64 * 1024;
+  // So is a plain write this long: a whole grain goes to the file in one call
+  // from where it is, the file's page cache doing the gathering.
+  static constexpr int kDirectWriteMinBytes = 64 * 1024;
 
   // Writes buffered data, then closes the target, also when the write fails:
   // the error goes on to the caller and the unwritten data is dropped.

@@ -9,7 +9,11 @@
 // zeros, without loading anything; an allocated grain is read once (decrypted
 // and decompressed) into the grain's buffer and served from there.
 // Writing is late: `write` only changes the buffer; the grain is prepared
-// (compressed), encrypted and stored when it is closed or flushed. It stays
+// (compressed), encrypted and stored when it is closed or flushed. In a plain
+// extent without a cipher, whose stored form is the bytes themselves, a write
+// into a grain with a slot and a whole-grain write go straight to the file
+// instead (unless changes are pending in the buffer): a random 4 KiB write
+// then costs a 4 KiB write, and a whole grain no copy. It stays
 // in its slot if the new form fits, else (compressed extents only) it moves
 // once to a new slot of the worst-case size, which any later form fits; the
 // old slot becomes dead space. An all-zero grain without a slot and without a
@@ -142,6 +146,10 @@ class CVMDKGrain : public kx::CBase {
   // Checks that the slot's first read fits, then seeks to the slot.
   void seekToSlot();
   void encryptInto(const kx::TConstBufferSlice<unsigned char>& data);
+  // Stores the bytes of a write at once, in a plain extent without a cipher:
+  // into the slot, or a whole grain into a new one (none for zeros, as in
+  // flushChangesToStream).
+  void writeThrough(const void* buffer, int size);
 
   kx::P<kx::IIOStream> stream_;
   kx::IIOStream::Access access_;
