@@ -169,14 +169,23 @@ class CConverter {
     }
     const unsigned char* data = slot.zero ? zeros_.data() : slot.plain->getData();
     if (settings_.compareWithTarget) {
+      bool same;
       if (target) {
         target->seek(slot.position);
-        target->read(compare_.data(), slot.length);
+        // A grain that no disk of the chain holds reads as zeros: no need to
+        // read it to know.
+        same = slot.zero;
+        if (target->isGrainWritten()) {
+          target->seek(slot.position);
+          target->read(compare_.data(), slot.length);
+          same = std::memcmp(compare_.data(), data, static_cast<size_t>(slot.length)) == 0;
+        }
       } else {
         ends_.targetRaw->seek(slot.position);
         ends_.targetRaw->read(compare_.data(), slot.length);
+        same = std::memcmp(compare_.data(), data, static_cast<size_t>(slot.length)) == 0;
       }
-      if (std::memcmp(compare_.data(), data, static_cast<size_t>(slot.length)) == 0) return;
+      if (same) return;
     } else if (slot.zero) {
       return;
     }
