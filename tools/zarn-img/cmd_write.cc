@@ -71,7 +71,7 @@ int runWrite(CToolContext& context, const Args& args) {
         "Writes the bytes of INPUT (a file, or - for stdin) into the disk FILE from\n"
         "byte BYTES on (default 0; suffixes K, M, G, T), at any alignment. In a\n"
         "differencing disk the rest of a grain that is written in part keeps its\n"
-        "content from the parent.\n"
+        "content from the parent. Ctrl-C stops it between two grains.\n"
         "\n%s",
         kCommonHelp);
     return 0;
