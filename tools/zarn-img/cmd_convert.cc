@@ -211,9 +211,10 @@ int runConvert(CToolContext& context, const Args& args) {
 
   std::unique_ptr<CNewTarget> made;  // what this run makes; none with -n
   CConvertResult result;
+  // Whether the run had made files that are gone now.
   const auto letGo = [&ends, &made]() {
     ends = CConvertEnds();
-    made->remove();
+    return made && made->remove();
   };
   try {
     checkInterrupted();
@@ -238,20 +239,21 @@ int runConvert(CToolContext& context, const Args& args) {
     }
     convertGrains(ends, settings, result);
   } catch (const CInterrupted& interruption) {
-    if (!made) throw;
-    letGo();
+    if (!letGo()) throw;
     throw CInterrupted(interruption.getSignal(), "interrupted; the unfinished target was removed");
   } catch (const kx::CError& error) {
     const bool noSpace = isNoSpaceError(error);
-    if (!made && !noSpace) throw;
-    if (made) letGo();
+    const bool removed = letGo();
+    if (!removed && !(noSpace && noCreate)) throw;
     std::string message = error.getMessage().toUTF8();
-    if (noSpace) message = "No space left on the device after writing " + std::to_string(result.bytesWritten) + " bytes of the target";
+    if (noSpace) {
+      message = "No space left on the device after writing " + std::to_string(result.bytesWritten) + " bytes of the target";
+    }
     if (!message.empty() && message.back() == '.') message.pop_back();
-    message += made ? "; the target was removed." : "; the grains written before stay, each whole.";
+    message += removed ? "; the target was removed." : "; the grains written before stay, each whole.";
     throw kx::CError(kx::String::fromUTF8(message), error.getContext(), error.getCode(), error.getProps());
   } catch (...) {
-    if (made) letGo();
+    letGo();
     throw;
   }
   return 0;

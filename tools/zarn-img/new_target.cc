@@ -52,7 +52,7 @@ void CNewTarget::setDisk(const zarn::CVMDKDisk& disk) {
   }
 }
 
-void CNewTarget::remove() {
+bool CNewTarget::remove() {
   std::set<kx::CURI> doomed;
   for (const kx::CURI& uri : diskFiles_) doomed.insert(uri.toNormalized());
   if (raw_) doomed.insert(uri_);
@@ -66,13 +66,17 @@ void CNewTarget::remove() {
       }
     }
   }
+  bool found = false;
   for (const kx::CURI& uri : doomed) {
     try {
+      if (!context_.getFileSystem()->fileExists(uri)) continue;
+      found = true;
       context_.getFileSystem()->deleteFile(uri, true);
     } catch (const kx::CError& error) {
       kx::logWarning(error, "Cannot remove a file of the unfinished target");
     }
   }
+  return found;
 }
 
 }  // namespace zarn_img

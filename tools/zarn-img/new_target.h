@@ -30,8 +30,9 @@ class CNewTarget {
   // Removes every file that the convert made: the ones named above, or, when
   // the disk's making failed before there was a disk, those named like the
   // target that are new or replaced since construction. The disk must be let
-  // go before. Never raises; a file that stays is a warning.
-  void remove();
+  // go before. Never raises; a file that stays is a warning. Returns whether
+  // there was anything to remove.
+  bool remove();
 
  private:
   using Identity = std::pair<unsigned long long, long long>;  // inode, change time in ns
