@@ -134,10 +134,10 @@ kx::P<zarn::CVMDKDisk> openLookalike(CToolContext& context, const kx::CURI& uri,
   }
 }
 
-bool isNoSpaceError(const kx::CError& error) {
+bool hasFileSystemProblem(const kx::CError& error, int problem) {
   for (const kx::CError* e = &error; e; e = e->getInner()) {
     const auto* fsError = dynamic_cast<const kx::CFileSystemError*>(e);
-    if (fsError && fsError->getProblem() == kx::FSPROB_NO_SPACE) return true;
+    if (fsError && fsError->getProblem() == problem) return true;
   }
   return false;
 }
@@ -242,8 +242,10 @@ int runConvert(CToolContext& context, const Args& args) {
     if (!letGo()) throw;
     throw CInterrupted(interruption.getSignal(), "interrupted; the unfinished target was removed");
   } catch (const kx::CError& error) {
-    const bool noSpace = isNoSpaceError(error);
-    const bool removed = letGo();
+    const bool noSpace = hasFileSystemProblem(error, kx::FSPROB_NO_SPACE);
+    // A write that failed had begun the target, even when its making took
+    // its first file away again.
+    const bool removed = letGo() || (made && (noSpace || hasFileSystemProblem(error, kx::FSPROB_IO)));
     if (!removed && !(noSpace && noCreate)) throw;
     std::string message = error.getMessage().toUTF8();
     if (noSpace) {
