@@ -1,27 +1,32 @@
 // zarn-img as a user meets it: every command, its refusals with their exit
-// status, round trips through every layout against a byte model, writes at
-// odd places into a differencing disk, and an interrupted convert.
+// status, the same verdict from every command on a damaged disk, round trips
+// through every layout against a byte model, writes at odd places into a
+// differencing disk, failed and interrupted runs.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "kx/local_file_system.h"
+#include "tests/support/child_process.h"
 #include "tests/support/file_bytes.h"
 #include "tests/support/grain_data.h"
 #include "tests/support/peer_tool.h"
 #include "tests/support/temp_dir.h"
+#include "zarn/descriptor.h"
 #include "zarn/disk.h"
-
-extern char** environ;
 
 namespace {
 
@@ -54,6 +59,54 @@ class ZarnImgTest : public ::testing::Test {
   std::string path(const std::string& name) const { return dir_.getPath() + "/" + name; }
   Bytes read(const std::string& name) { return test::readFileBytes(*fs_, dir_.getFileURI(name)); }
   void write(const std::string& name, const Bytes& bytes) { test::writeFileBytes(*fs_, dir_.getFileURI(name), bytes); }
+  // Replaces the first `from` in the descriptor text of `name` (a descriptor
+  // file, or an extent with the descriptor embedded) by `to`; the zeros
+  // behind the text make room, and fill what the text gives up.
+  void editDescriptor(const std::string& name, const std::string& from, const std::string& to) {
+    Bytes file = read(name);
+    const std::string bytes(file.begin(), file.end());
+    const size_t start = bytes.find("# Disk DescriptorFile");
+    ASSERT_NE(start, std::string::npos) << name;
+    const size_t end = std::min(bytes.find('\0', start), bytes.size());
+    std::string text = bytes.substr(start, end - start);
+    const size_t at = text.find(from);
+    ASSERT_NE(at, std::string::npos) << name << ": " << from;
+    text.replace(at, from.size(), to);
+    const size_t room = std::max(text.size(), end - start);
+    ASSERT_LE(start + room, file.size()) << name;
+    text.resize(room, '\0');
+    std::copy(text.begin(), text.end(), file.begin() + static_cast<std::ptrdiff_t>(start));
+    write(name, file);
+  }
+  void patch(const std::string& name, size_t at, uint64_t value, int width) {
+    Bytes file = read(name);
+    test::putLE(file, at, value, width);
+    write(name, file);
+  }
+  // The CID of a disk's descriptor, as the descriptor writes it.
+  std::string contentID(const std::string& name) {
+    auto disk = kx::create<zarn::CVMDKDisk>(fs_.get(), dir_.getFileURI(name), kx::IIOStream::ACCESS_READ, "");
+    char text[16];
+    std::snprintf(text, sizeof text, "%x", disk->getDescriptor()->getContentID());
+    return text;
+  }
+  // Runs the tool with stdout and stderr apart; `env` entries are "NAME=value".
+  test::CProcessEnd runApart(const std::vector<std::string>& arguments, const std::vector<std::string>& env = {}) {
+#ifdef ZARN_IMG_PATH
+    std::vector<std::string> argv{ZARN_IMG_PATH};
+    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    return test::CChildProcess::run(argv, env, dir_.getPath());
+#else
+    return test::CProcessEnd();
+#endif
+  }
+  // The names in the temp folder.
+  std::vector<std::string> listFiles() const {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(dir_.getPath())) names.push_back(entry.path().filename());
+    std::sort(names.begin(), names.end());
+    return names;
+  }
   // What a disk reads, through zarn-img convert -O raw.
   Bytes content(const std::string& disk, const std::string& env = "") {
     ok("convert -O raw " + disk + " out.raw", env);
@@ -132,6 +185,151 @@ TEST_F(ZarnImgTest, RefusalsAndTheirExitStatus) {
       EXPECT_EQ(output.rfind("zarn-img: ", 0), 0u) << c.arguments << "\n" << output;
     }
   }
+}
+
+// Damaged and odd files: info, check, map and convert open them one way and
+// agree on whether the disk can be used. A disk that opens but can't be read
+// is damage to check (2); one that doesn't open at all is 1 everywhere.
+TEST_F(ZarnImgTest, EveryCommandReachesTheSameVerdictOnADamagedDisk) {
+  write("noise.bin", test::noiseGrain(kMiB, 21));
+  ok("create base.vmdk 8M");
+  ok("write base.vmdk noise.bin");
+  const auto child = [this](const std::string& name, const std::string& parentReference) {
+    ok("create -o backing-file=base.vmdk " + name);
+    if (parentReference != "base.vmdk") {
+      editDescriptor(name, "parentFileNameHint=\"base.vmdk\"", "parentFileNameHint=\"" + parentReference + "\"");
+    }
+  };
+  const auto plain = [this](const std::string& name) {
+    ok("create " + name + " 8M");
+    ok("write " + name + " noise.bin");
+  };
+  const size_t kCapacity = 12, kDirectory = 56;  // header fields
+  const struct {
+    const char* file;
+    std::function<void()> make;
+    int info, check, map, convert;
+    const char* reason;  // in the output of every command that fails
+  } cases[] = {
+      {"ok.vmdk", [&] { child("ok.vmdk", "base.vmdk"); }, 0, 0, 0, 0, ""},
+      {"self.vmdk", [&] { child("self.vmdk", "self.vmdk"); }, 1, 2, 1, 1, "leads back to"},
+      {"devnull.vmdk", [&] { child("devnull.vmdk", "/dev/null"); }, 1, 2, 1, 1, "not a regular file"},
+      {"devzero.vmdk", [&] { child("devzero.vmdk", "/dev/zero"); }, 1, 2, 1, 1, "not a regular file"},
+      {"orphan.vmdk", [&] { child("orphan.vmdk", "gone.vmdk"); }, 1, 2, 1, 1,
+       "The parent of orphan.vmdk doesn't open: Opening the file failed (No such file or directory)"},
+      {"stale.vmdk",
+       [&] {
+         plain("moved.vmdk");
+         ok("create -o backing-file=moved.vmdk stale.vmdk");
+         ok("write --offset 5M moved.vmdk noise.bin");  // a new content ID
+       },
+       1, 2, 1, 1, "The parent of stale.vmdk has changed since stale.vmdk was made over it"},
+      {"b.vmdk",
+       [&] {
+         plain("a.vmdk");
+         ok("create -o backing-file=a.vmdk b.vmdk");
+         editDescriptor("a.vmdk", "parentCID=ffffffff", "parentCID=" + contentID("b.vmdk") + "\nparentFileNameHint=\"b.vmdk\"");
+       },
+       1, 2, 1, 1, "leads back to"},
+      {"badcid.vmdk", [&] { plain("badcid.vmdk"); editDescriptor("badcid.vmdk", "CID=", "CID=zz"); }, 1, 2, 1, 1,
+       "The descriptor of badcid.vmdk is damaged"},
+      {"badparentcid.vmdk",
+       [&] {
+         child("badparentcid.vmdk", "base.vmdk");
+         editDescriptor("badparentcid.vmdk", "parentCID=", "parentCID=zz");
+       },
+       1, 1, 1, 1, "Invalid hex number: 'zz"},
+      {"split.vmdk",
+       [&] {
+         write("split.raw", test::noiseGrain(12 * kMiB, 3));
+         ok("convert -o subformat=twoGbMaxExtentSparse,split-size=4M split.raw split.vmdk");
+         std::filesystem::remove(path("split-s00002.vmdk"));
+       },
+       1, 2, 1, 1, "The extent file split-s00002.vmdk of split.vmdk doesn't open"},
+      {"cap0.vmdk", [&] { plain("cap0.vmdk"); patch("cap0.vmdk", kCapacity, 0, 8); }, 1, 2, 1, 1,
+       "The extent file cap0.vmdk of cap0.vmdk doesn't open"},
+      {"capsmall.vmdk", [&] { plain("capsmall.vmdk"); patch("capsmall.vmdk", kCapacity, 128, 8); }, 1, 2, 1, 1,
+       "The extent file capsmall.vmdk of capsmall.vmdk doesn't open"},
+      {"loopdir.vmdk",
+       [&] {
+         plain("loopdir.vmdk");
+         const uint64_t directory = test::le64(read("loopdir.vmdk"), kDirectory);
+         patch("loopdir.vmdk", directory * 512, directory, 4);  // table 0 is the directory itself
+       },
+       1, 2, 1, 1, "of loopdir.vmdk doesn't open"},
+      {"magic.vmdk", [&] { plain("magic.vmdk"); patch("magic.vmdk", 0, 0x58585858, 4); }, 1, 1, 1, 1, "magic.vmdk"},
+      {"cut.vmdk", [&] { write("cut.vmdk", Bytes(1, 'K')); }, 1, 1, 1, 1, "Read past the end"},
+      {"empty.vmdk", [&] { write("empty.vmdk", Bytes()); }, 1, 1, 1, 1, "empty.vmdk"},
+      {"descriptor.img",
+       [&] {
+         const std::string text = "# Disk DescriptorFile\nCID=1\nparentCID=ffffffff\ncreateType=\"twoGbMaxExtentSparse\"\n"
+                                  "RW 16384 SPARSE \"nothere.vmdk\"\n";
+         write("descriptor.img", Bytes(text.begin(), text.end()));
+       },
+       1, 1, 1, 1, "No such file or directory"},
+      {"lines.bin",
+       [&] {
+         const std::string text = "# made by hand\r\n  createType = \"monolithicSparse\"\r\n";
+         write("lines.bin", Bytes(text.begin(), text.end()));
+       },
+       1, 1, 1, 1, "VMDK disk has no extents"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.file);
+    c.make();
+    const std::string file = c.file;
+    const struct {
+      std::string arguments;
+      int status;
+    } commands[] = {{"info " + file, c.info}, {"check " + file, c.check}, {"map " + file, c.map},
+                    {"convert " + file + " out.raw", c.convert}};
+    for (const auto& command : commands) {
+      std::string output;
+      EXPECT_EQ(run(command.arguments, output), command.status) << command.arguments << "\n" << output;
+      if (command.status == 0) continue;
+      EXPECT_NE(output.find(c.reason), std::string::npos) << command.arguments << "\n" << output;
+      if (command.status == 1) {
+        // One line: the error, nothing the destructors met after it.
+        EXPECT_EQ(output.rfind("zarn-img: ", 0), 0u) << command.arguments << "\n" << output;
+        EXPECT_EQ(std::count(output.begin(), output.end(), '\n'), 1) << command.arguments << "\n" << output;
+      } else {
+        EXPECT_NE(output.find("ERROR "), std::string::npos) << output;
+      }
+    }
+    // A refused source leaves no target behind, and one that looks like a disk
+    // isn't taken for raw bytes: the user gets the way to do that.
+    EXPECT_EQ(std::filesystem::exists(path("out.raw")), c.convert == 0);
+    std::filesystem::remove(path("out.raw"));
+    if (c.check == 1) {
+      std::string output;
+      run("convert " + file + " out.raw", output);
+      EXPECT_NE(output.find("use -f raw to copy its bytes as they are"), std::string::npos) << output;
+    }
+  }
+  // Raw bytes stay raw, and -f raw copies even a file that looks like a disk.
+  write("noise.img", test::noiseGrain(100000, 5));
+  ok("convert noise.img out.raw");
+  EXPECT_TRUE(read("out.raw") == read("noise.img"));
+  ok("convert -f raw cut.vmdk out.raw");
+  EXPECT_TRUE(read("out.raw") == Bytes(1, 'K'));
+}
+
+// What check finds after the disk opened is damage: the space use walks the
+// tables as a whole, after the grains, and its failure is no reason to say
+// that the disk doesn't open.
+TEST_F(ZarnImgTest, CheckReportsEveryFailureAfterOpeningAsDamage) {
+  ok("create three.vmdk 80M");  // three grain tables
+  write("noise.bin", test::noiseGrain(kMiB, 8));
+  ok("write three.vmdk noise.bin");
+  const uint64_t directory = test::le64(read("three.vmdk"), 56);
+  patch("three.vmdk", directory * 512 + 4, 0x7fffffff, 4);  // table 1 lies far beyond the file's end
+  std::string output;
+  EXPECT_EQ(run("check three.vmdk", output), 2) << output;
+  EXPECT_NE(output.find("ERROR grain 512 (offset 0x2000000): VMDK grain table lies beyond the end of the file."),
+            std::string::npos)
+      << output;
+  EXPECT_NE(output.find("ERROR space use: VMDK grain table lies beyond the end of the file."), std::string::npos) << output;
+  EXPECT_NE(output.find("... and 412 more damaged grains"), std::string::npos) << output;
 }
 
 TEST_F(ZarnImgTest, EveryLayoutRoundTripsByteForByte) {
@@ -270,38 +468,167 @@ TEST_F(ZarnImgTest, InfoAndCheckTellWhatIsThere) {
   EXPECT_NE(output.find("1 damaged grains were found"), std::string::npos) << output;
 }
 
-TEST_F(ZarnImgTest, InterruptedConvertLeavesADiskThatOpens) {
+// Whether each grain of `disk` reads as the same grain of `before` or of
+// `after`; `what` names the first grain that reads as neither.
+bool eachGrainIsOldOrNew(const Bytes& disk, const Bytes& before, const Bytes& after, std::string& what) {
+  for (size_t at = 0; at < disk.size(); at += 65536) {
+    const size_t length = std::min<size_t>(65536, disk.size() - at);
+    const auto grain = disk.begin() + static_cast<std::ptrdiff_t>(at);
+    if (!std::equal(grain, grain + static_cast<std::ptrdiff_t>(length), before.begin() + static_cast<std::ptrdiff_t>(at)) &&
+        !std::equal(grain, grain + static_cast<std::ptrdiff_t>(length), after.begin() + static_cast<std::ptrdiff_t>(at))) {
+      what = "grain at " + std::to_string(at);
+      return false;
+    }
+  }
+  return true;
+}
+
+#ifdef ZARN_WRITE_FAULT_SHIM
+// A full or failing disk: one line says what failed, the disks' destructors
+// that fail after it only with ZARN_IMG_DEBUG=1, and a new target is removed
+// with every file it had, whichever write failed.
+TEST_F(ZarnImgTest, FailedWritesEndInOneLineAndRemoveANewTarget) {
+  write("src.raw", sample());
+  const std::string shim = std::string("LD_PRELOAD=") + ZARN_WRITE_FAULT_SHIM;
+  const std::string asan = "ASAN_OPTIONS=verify_asan_link_order=0";
+  ok("create t.vmdk 16M");
+  for (const char* debug : {"ZARN_IMG_DEBUG=0", "ZARN_IMG_DEBUG=1"}) {
+    const test::CProcessEnd end = runApart({"write", "--offset", "1000", "t.vmdk", "src.raw"},
+                                           {shim, asan, "ZARN_FAULT_AT=2", "ZARN_FAULT_MODE=enospc", debug});
+    EXPECT_EQ(end.exitStatus, 1) << end.err;
+    std::vector<std::string> lines = end.errLines();
+    const size_t debugLines =
+        std::count_if(lines.begin(), lines.end(), [](const std::string& l) { return l.rfind("zarn-img: debug: ", 0) == 0; });
+    EXPECT_EQ(lines.size() - debugLines, 1u) << end.err;
+    EXPECT_EQ(debugLines > 0, std::string(debug) == "ZARN_IMG_DEBUG=1") << end.err;
+    EXPECT_EQ(lines.back().rfind("zarn-img: Writing to the file failed (No space left on device): file://", 0), 0u) << end.err;
+    EXPECT_NE(lines.back().find("t.vmdk"), std::string::npos) << end.err;
+  }
+  const std::vector<std::string> before = listFiles();
+  const struct {
+    const char* options;
+    const char* target;
+  } layouts[] = {{"-O vmdk", "d.vmdk"},
+                 {"-O vmdk -o subformat=twoGbMaxExtentSparse,split-size=4M", "d.vmdk"},
+                 {"-O vmdk -o subformat=streamOptimized,split-size=8M -j 2", "d.vmdk"},
+                 {"-O raw", "d.raw"}};
+  for (const auto& layout : layouts) {
+    SCOPED_TRACE(layout.options);
+    std::vector<std::string> arguments{"convert"};
+    std::istringstream words(layout.options);
+    for (std::string word; words >> word;) arguments.push_back(word);
+    arguments.push_back("src.raw");
+    arguments.push_back(layout.target);
+    const std::string countFile = path("writes");
+    ASSERT_EQ(runApart(arguments, {shim, asan, "ZARN_FAULT_COUNT_FILE=" + countFile}).exitStatus, 0);
+    long writes = 0;
+    std::ifstream(countFile) >> writes;
+    std::filesystem::remove(countFile);
+    ASSERT_GT(writes, 1);
+    for (const std::string& name : listFiles()) {
+      if (std::find(before.begin(), before.end(), name) == before.end()) std::filesystem::remove(path(name));
+    }
+    for (const char* mode : {"enospc", "eio"}) {
+      for (long at = 1; at <= writes; at += std::max(1L, writes / 6)) {
+        const test::CProcessEnd end =
+            runApart(arguments, {shim, asan, "ZARN_FAULT_AT=" + std::to_string(at), std::string("ZARN_FAULT_MODE=") + mode});
+        const std::string where = std::string(mode) + " at write " + std::to_string(at) + " of " + std::to_string(writes);
+        EXPECT_EQ(end.exitStatus, 1) << where << "\n" << end.err;
+        ASSERT_EQ(end.errLines().size(), 1u) << where << "\n" << end.err;
+        const std::string line = end.errLines()[0];
+        if (std::string(mode) == "enospc") {
+          EXPECT_EQ(line.rfind("zarn-img: No space left on the device after writing ", 0), 0u) << where << "\n" << line;
+          const long long bytes = std::atoll(line.c_str() + std::strlen("zarn-img: No space left on the device after writing "));
+          EXPECT_TRUE(bytes >= 0 && bytes <= static_cast<long long>(12 * kMiB) && bytes % 65536 == 0) << line;
+          EXPECT_NE(line.find(" bytes of the target; the target was removed. (uri: file://"), std::string::npos) << line;
+        } else {
+          EXPECT_NE(line.find("(Input/output error)"), std::string::npos) << where << "\n" << line;
+          EXPECT_NE(line.find("; the target was removed"), std::string::npos) << where << "\n" << line;
+        }
+        EXPECT_EQ(listFiles(), before) << where;
+      }
+    }
+  }
+  // Into an existing target the grains written stay, each whole.
+  ok("create e.vmdk 16M");
+  const test::CProcessEnd end =
+      runApart({"convert", "-n", "src.raw", "e.vmdk"}, {shim, asan, "ZARN_FAULT_AT=3", "ZARN_FAULT_MODE=enospc"});
+  EXPECT_EQ(end.exitStatus, 1);
+  ASSERT_EQ(end.errLines().size(), 1u) << end.err;
+  EXPECT_NE(end.err.find("bytes of the target; the grains written before stay, each whole."), std::string::npos) << end.err;
+  Bytes model = sample(), zeros(16 * kMiB, 0), now = content("e.vmdk");
+  model.resize(16 * kMiB, 0);
+  std::string what;
+  EXPECT_TRUE(eachGrainIsOldOrNew(now, zeros, model, what)) << what;
+  ok("check e.vmdk");
+}
+#endif
+
+// Ctrl-C: a new target goes with everything it had; an existing one stays,
+// each grain as it was or as the source has it, and opens.
+TEST_F(ZarnImgTest, InterruptedConvertRemovesANewTargetAndKeepsAnExistingOne) {
 #ifdef ZARN_IMG_PATH
   // 64 GiB of holes behind 1 MiB of data: far more than can pass before the signal.
   const Bytes head = test::noiseGrain(kMiB, 5);
   write("big.raw", head);
   std::filesystem::resize_file(path("big.raw"), uint64_t(64) << 30);
-  const std::string tool = ZARN_IMG_PATH;
-  const std::string source = path("big.raw");
-  const std::string target = path("big.vmdk");
-  char* argv[] = {const_cast<char*>(tool.c_str()), const_cast<char*>("convert"), const_cast<char*>(source.c_str()),
-                  const_cast<char*>(target.c_str()), nullptr};
-  pid_t pid;
-  ASSERT_EQ(posix_spawn(&pid, tool.c_str(), nullptr, nullptr, argv, environ), 0);
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (!std::filesystem::exists(target) && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  const std::vector<std::string> before = listFiles();
+  {
+    test::CChildProcess convert({ZARN_IMG_PATH, "convert", "big.raw", "big.vmdk"}, {}, dir_.getPath());
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!std::filesystem::exists(path("big.vmdk")) && std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    convert.sendSignal(SIGINT);
+    const test::CProcessEnd end = convert.wait();
+    EXPECT_EQ(end.exitStatus, 130) << end.err;
+    EXPECT_EQ(end.err, "zarn-img: interrupted; the unfinished target was removed\n");
+    EXPECT_EQ(listFiles(), before);
   }
-  std::this_thread::sleep_for(std::chrono::milliseconds(300));
-  ::kill(pid, SIGINT);
-  int status = 0;
-  ASSERT_EQ(::waitpid(pid, &status, 0), pid);
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 130);
+  ok("create -o subformat=twoGbMaxExtentSparse big.vmdk 64G");
+  test::CChildProcess convert({ZARN_IMG_PATH, "convert", "-n", "big.raw", "big.vmdk"}, {}, dir_.getPath());
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  convert.sendSignal(SIGTERM);
+  const test::CProcessEnd end = convert.wait();
+  EXPECT_EQ(end.exitStatus, 143) << end.err;
+  EXPECT_EQ(end.err, "zarn-img: interrupted; what was written so far is flushed\n");
   auto disk = kx::create<zarn::CVMDKDisk>(fs_.get(), dir_.getFileURI("big.vmdk"), kx::IIOStream::ACCESS_READ, "");
   Bytes back(kMiB);
   disk->read(back.data(), static_cast<int>(back.size()));
-  // It stopped at a grain border: each grain is the source's, or not there yet.
-  for (size_t at = 0; at < back.size(); at += 65536) {
-    const bool copied = std::equal(back.begin() + at, back.begin() + at + 65536, head.begin() + at);
-    const bool absent = std::all_of(back.begin() + at, back.begin() + at + 65536, [](unsigned char b) { return b == 0; });
-    EXPECT_TRUE(copied || absent) << "grain at " << at;
+  std::string what;
+  EXPECT_TRUE(eachGrainIsOldOrNew(back, Bytes(kMiB, 0), head, what)) << what;
+#endif
+}
+
+// Ctrl-C while write waits for its input: the grains that were whole are in,
+// the piece of the next one that came is not.
+TEST_F(ZarnImgTest, InterruptedWriteStopsAtAGrainBorder) {
+#ifdef ZARN_IMG_PATH
+  ok("create d.vmdk 8M");
+  int pipeEnds[2];
+  ASSERT_EQ(::pipe(pipeEnds), 0);
+  test::CChildProcess writer({ZARN_IMG_PATH, "write", "--offset", "1000", "d.vmdk", "-"}, {}, dir_.getPath(),
+                             pipeEnds[0]);
+  ::close(pipeEnds[0]);
+  const Bytes data = test::noiseGrain(65536 - 1000 + 30000, 9);
+  ASSERT_EQ(::write(pipeEnds[1], data.data(), data.size()), static_cast<ssize_t>(data.size()));
+  // Until the tool waits in read(0, ...) for the rest of the second grain.
+  const std::string syscall = "/proc/" + std::to_string(writer.getPid()) + "/syscall";
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  for (std::string text; std::chrono::steady_clock::now() < deadline;) {
+    std::ifstream(syscall) >> text;
+    if (text == "0") break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  writer.sendSignal(SIGINT);
+  const test::CProcessEnd end = writer.wait();
+  ::close(pipeEnds[1]);
+  EXPECT_EQ(end.exitStatus, 130) << end.err;
+  Bytes expected(8 * kMiB, 0);
+  std::copy(data.begin(), data.begin() + (65536 - 1000), expected.begin() + 1000);
+  EXPECT_TRUE(content("d.vmdk") == expected);
 #endif
 }
 

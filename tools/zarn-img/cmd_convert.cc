@@ -1,10 +1,14 @@
-#include <cstdio>
+#include <algorithm>
 #include <cctype>
+#include <cstdio>
 #include <cstring>
+#include <memory>
 
 #include "commands.h"
 #include "convert.h"
+#include "interrupt.h"
 #include "kx/error.h"
+#include "new_target.h"
 #include "zarn/sparse_extent_header.h"
 
 namespace zarn_img {
@@ -20,9 +24,17 @@ const char* const kConvertHelp =
     "same grain size and compression, grains move as they are stored, without\n"
     "being unpacked. A differencing SOURCE is read through its parents.\n"
     "\n"
-    "  -f FORMAT             format of SOURCE (default: found from its content)\n"
+    "A SOURCE named *.vmdk, or that starts like a sparse extent or a descriptor,\n"
+    "is opened as a disk and refused when it doesn't open; -f raw copies its\n"
+    "bytes. A new TARGET that can't be finished (an error, Ctrl-C) is removed\n"
+    "with all its files; with -n the existing TARGET stays, each grain as it\n"
+    "was or as SOURCE has it.\n"
+    "\n"
+    "  -f FORMAT             format of SOURCE (default: found from its name\n"
+    "                        and content)\n"
     "  -O FORMAT             format of TARGET (default: vmdk for a name ending\n"
-    "                        in .vmdk, else raw; with -n found from its content)\n"
+    "                        in .vmdk, else raw; with -n found from its name\n"
+    "                        and content, as for SOURCE)\n"
     "  -o OPTIONS            options of a new VMDK TARGET (see -o help); with\n"
     "                        backing-file only grains that differ are written\n"
     "  -p                    show progress on stderr\n"
@@ -30,35 +42,43 @@ const char* const kConvertHelp =
     "  -n                    write into the existing TARGET instead of making it\n"
     "                        anew; afterwards it reads exactly as SOURCE\n";
 
-// "vmdk" when the file starts like a sparse extent (plain or encrypted) or a
-// descriptor file.
-std::string probeFormat(CToolContext& context, const kx::CURI& uri) {
-  int flags = 0;
-  kx::P<kx::IIOStream> stream = context.getFileSystem()->openFile(uri, kx::IIOStream::ACCESS_READ, flags);
-  char head[32] = {};
-  const int got = stream->readLax(head, sizeof head);
-  static const char kDescriptorStart[] = "# Disk DescriptorFile";
-  if (got >= 4) {
-    const uint32_t magic = static_cast<uint32_t>(static_cast<unsigned char>(head[0])) |
-                           static_cast<uint32_t>(static_cast<unsigned char>(head[1])) << 8 |
-                           static_cast<uint32_t>(static_cast<unsigned char>(head[2])) << 16 |
-                           static_cast<uint32_t>(static_cast<unsigned char>(head[3])) << 24;
-    if (magic == zarn::CVMDKSparseExtentHeader::kMagic || magic == zarn::CVMDKSparseExtentHeader::kMagicEncrypted) {
-      return "vmdk";
-    }
-  }
-  if (got >= static_cast<int>(sizeof kDescriptorStart) - 1 &&
-      std::memcmp(head, kDescriptorStart, sizeof kDescriptorStart - 1) == 0) {
-    return "vmdk";
-  }
-  return "raw";
+// How much of a file the probe reads: a descriptor's header lines and its
+// first extent lines stand in its first few KiB.
+constexpr int kProbeBytes = 8192;
+
+bool startsWithWord(const std::string& line, size_t& at, const char* word) {
+  const size_t length = std::strlen(word);
+  if (line.compare(at, length, word) != 0) return false;
+  at += length;
+  return true;
 }
 
-std::string checkFormat(const std::string& format) {
-  if (format != "raw" && format != "vmdk") {
-    throw CUsageError("convert", "unknown format '" + format + "': expecting raw or vmdk");
+size_t skipBlanks(const std::string& line, size_t at) {
+  while (at < line.size() && (line[at] == ' ' || line[at] == '\t')) ++at;
+  return at;
+}
+
+// A line "createType=..." (any case, blanks around the "=") or an extent line
+// "RW 2048 SPARSE "name"".
+bool isDescriptorLine(const std::string& line) {
+  size_t at = skipBlanks(line, 0);
+  std::string lower;
+  for (char c : line.substr(at, 10)) lower += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  if (lower == "createtype" && skipBlanks(line, at + 10) < line.size() && line[skipBlanks(line, at + 10)] == '=') {
+    return true;
   }
-  return format;
+  if (!startsWithWord(line, at, "RW") && !startsWithWord(line, at, "RDONLY") &&
+      !startsWithWord(line, at, "NOACCESS")) {
+    return false;
+  }
+  size_t next = skipBlanks(line, at);
+  if (next == at || next >= line.size() || !std::isdigit(static_cast<unsigned char>(line[next]))) return false;
+  while (next < line.size() && std::isdigit(static_cast<unsigned char>(line[next]))) ++next;
+  at = skipBlanks(line, next);
+  if (at == next) return false;
+  while (at < line.size() && std::isalpha(static_cast<unsigned char>(line[at]))) ++at;
+  next = skipBlanks(line, at);
+  return next > at && next < line.size() && line[next] == '"';
 }
 
 bool endsWithVmdk(const std::string& path) {
@@ -66,6 +86,67 @@ bool endsWithVmdk(const std::string& path) {
   std::string tail = path.substr(path.size() - 5);
   for (char& c : tail) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   return tail == ".vmdk";
+}
+
+// Whether the file is meant to be a VMDK disk: by its name, or by its first
+// bytes (the magic of a sparse extent, plain or encrypted, or the lines of a
+// descriptor). Such a file is opened as a disk or refused, never taken for
+// raw bytes because it is damaged.
+bool looksLikeVmdk(CToolContext& context, const kx::CURI& uri, const std::string& path) {
+  if (endsWithVmdk(path)) return true;
+  int flags = 0;
+  kx::P<kx::IIOStream> stream = context.getFileSystem()->openFile(uri, kx::IIOStream::ACCESS_READ, flags);
+  std::string head(kProbeBytes, '\0');
+  head.resize(static_cast<size_t>(std::max(0, stream->readLax(&head[0], kProbeBytes))));
+  if (head.size() >= 4) {
+    const uint32_t magic = static_cast<uint32_t>(static_cast<unsigned char>(head[0])) |
+                           static_cast<uint32_t>(static_cast<unsigned char>(head[1])) << 8 |
+                           static_cast<uint32_t>(static_cast<unsigned char>(head[2])) << 16 |
+                           static_cast<uint32_t>(static_cast<unsigned char>(head[3])) << 24;
+    if (magic == zarn::CVMDKSparseExtentHeader::kMagic || magic == zarn::CVMDKSparseExtentHeader::kMagicEncrypted) {
+      return true;
+    }
+  }
+  if (head.compare(0, 21, "# Disk DescriptorFile") == 0) return true;
+  for (size_t start = 0; start < head.size();) {
+    size_t end = head.find('\n', start);
+    if (end == std::string::npos) end = head.size();
+    if (isDescriptorLine(head.substr(start, end - start))) return true;
+    start = end + 1;
+  }
+  return false;
+}
+
+// Opens a file that looks like a disk, with a way out for one that doesn't
+// open: `option` copies it as bytes.
+kx::P<zarn::CVMDKDisk> openLookalike(CToolContext& context, const kx::CURI& uri, const std::string& path,
+                                     kx::IIOStream::Access access, const char* option) {
+  try {
+    return context.openDiskChecked(uri, access, path);
+  } catch (const kx::CError& error) {
+    if (isRefusalOfTheUser(error) || !context.getFileSystem()->fileExists(uri)) throw;
+    std::string reason = error.getMessage().toUTF8();
+    if (!reason.empty() && reason.back() == '.') reason.pop_back();
+    if (!error.getProps().isEmpty()) reason += " (" + error.getProps().toString().toUTF8() + ")";
+    throw kx::CError(kx::String::fromUTF8(path + " doesn't open as a VMDK disk: " + reason + "; use " + option +
+                                          " raw to " + (access == kx::IIOStream::ACCESS_READ ? "copy" : "write") +
+                                          " its bytes as they are"));
+  }
+}
+
+bool hasFileSystemProblem(const kx::CError& error, int problem) {
+  for (const kx::CError* e = &error; e; e = e->getInner()) {
+    const auto* fsError = dynamic_cast<const kx::CFileSystemError*>(e);
+    if (fsError && fsError->getProblem() == problem) return true;
+  }
+  return false;
+}
+
+std::string checkFormat(const std::string& format) {
+  if (format != "raw" && format != "vmdk") {
+    throw CUsageError("convert", "unknown format '" + format + "': expecting raw or vmdk");
+  }
+  return format;
 }
 
 }  // namespace
@@ -104,48 +185,79 @@ int runConvert(CToolContext& context, const Args& args) {
   const kx::CURI sourceURI = CToolContext::pathToURI(sourcePath);
   const kx::CURI targetURI = CToolContext::pathToURI(targetPath);
   if (sourceURI == targetURI) throw kx::CError("SOURCE and TARGET are the same file.");
-  if (sourceFormat.empty()) sourceFormat = probeFormat(context, sourceURI);
+  const bool sourceIsVmdk =
+      sourceFormat.empty() ? looksLikeVmdk(context, sourceURI, sourcePath) : sourceFormat == "vmdk";
+  bool targetIsVmdk = targetFormat == "vmdk";
   if (targetFormat.empty()) {
-    targetFormat = noCreate ? probeFormat(context, targetURI) : endsWithVmdk(targetPath) ? "vmdk" : "raw";
+    targetIsVmdk = noCreate ? looksLikeVmdk(context, targetURI, targetPath) : endsWithVmdk(targetPath);
   }
-  if (targetFormat == "raw" && options.setsCreation) throw CUsageError("convert", "-o shapes a VMDK target: add -O vmdk");
+  if (!targetIsVmdk && options.setsCreation) throw CUsageError("convert", "-o shapes a VMDK target: add -O vmdk");
 
   CConvertEnds ends;
   int flags = 0;
-  if (sourceFormat == "vmdk") {
-    ends.sourceDisk = context.openDisk(sourcePath, kx::IIOStream::ACCESS_READ);
+  if (sourceIsVmdk) {
+    ends.sourceDisk = openLookalike(context, sourceURI, sourcePath, kx::IIOStream::ACCESS_READ, "-f");
     ends.sourceSizeBytes = ends.sourceDisk->getSizeBytes();
   } else {
     ends.sourceRaw = context.getFileSystem()->openFile(sourceURI, kx::IIOStream::ACCESS_READ, flags);
     ends.sourceSizeBytes = ends.sourceRaw->getLength();
   }
-  int64_t targetSize = 0;
-  if (targetFormat == "vmdk") {
-    if (noCreate) {
-      ends.targetDisk = context.openDisk(targetPath, kx::IIOStream::ACCESS_READ_WRITE);
-    } else {
-      ends.targetDisk = createDisk(context, targetPath, ends.sourceSizeBytes, options);
-    }
-    targetSize = ends.targetDisk->getSizeBytes();
-  } else {
-    if (noCreate && !context.getFileSystem()->fileExists(targetURI)) {
-      throw kx::CError("The target of -n doesn't exist.", kx::String(), -1, kx::CProps().add("uri", targetURI.toString(true)));
-    }
-    ends.targetRaw = context.getFileSystem()->openFile(targetURI, kx::IIOStream::ACCESS_READ_WRITE, flags);
-    if (!noCreate) {
-      // Cut to nothing first, so that the holes of the new length are holes
-      // on the disk too.
-      ends.targetRaw->setLength(0);
-      ends.targetRaw->setLength(ends.sourceSizeBytes);
-    }
-    targetSize = ends.targetRaw->getLength();
-  }
-  if (targetSize < ends.sourceSizeBytes) {
-    throw kx::CError("The target is smaller than the source.", kx::String(), -1,
-                     kx::CProps().add("sourceSize", ends.sourceSizeBytes).add("targetSize", targetSize));
+  if (noCreate && targetIsVmdk) {
+    ends.targetDisk = openLookalike(context, targetURI, targetPath, kx::IIOStream::ACCESS_READ_WRITE, "-O");
+  } else if (noCreate && !context.getFileSystem()->fileExists(targetURI)) {
+    throw kx::CError("The target of -n doesn't exist.", kx::String(), -1, kx::CProps().add("uri", targetURI.toString(true)));
   }
   settings.compareWithTarget = noCreate || !options.backingFile.empty();
-  convertGrains(ends, settings);
+
+  std::unique_ptr<CNewTarget> made;  // what this run makes; none with -n
+  CConvertResult result;
+  // Whether the run had made files that are gone now.
+  const auto letGo = [&ends, &made]() {
+    ends = CConvertEnds();
+    return made && made->remove();
+  };
+  try {
+    checkInterrupted();
+    if (!noCreate) made = std::make_unique<CNewTarget>(context, targetURI);
+    if (targetIsVmdk && !noCreate) {
+      ends.targetDisk = createDisk(context, targetPath, ends.sourceSizeBytes, options);
+      made->setDisk(*ends.targetDisk);
+    } else if (!targetIsVmdk) {
+      if (made) made->setRaw();
+      ends.targetRaw = context.getFileSystem()->openFile(targetURI, kx::IIOStream::ACCESS_READ_WRITE, flags);
+      if (!noCreate) {
+        // Cut to nothing first, so that the holes of the new length are holes
+        // on the disk too.
+        ends.targetRaw->setLength(0);
+        ends.targetRaw->setLength(ends.sourceSizeBytes);
+      }
+    }
+    const int64_t targetSize = ends.targetDisk ? ends.targetDisk->getSizeBytes() : ends.targetRaw->getLength();
+    if (targetSize < ends.sourceSizeBytes) {
+      throw kx::CError("The target is smaller than the source.", kx::String(), -1,
+                       kx::CProps().add("sourceSize", ends.sourceSizeBytes).add("targetSize", targetSize));
+    }
+    convertGrains(ends, settings, result);
+  } catch (const CInterrupted& interruption) {
+    if (!letGo()) throw;
+    throw CInterrupted(interruption.getSignal(), "interrupted; the unfinished target was removed");
+  } catch (const kx::CError& error) {
+    const bool noSpace = hasFileSystemProblem(error, kx::FSPROB_NO_SPACE);
+    // A write that failed had begun the target, even when its making took
+    // its first file away again.
+    const bool removed = letGo() || (made && (noSpace || hasFileSystemProblem(error, kx::FSPROB_IO)));
+    if (!removed && !(noSpace && noCreate)) throw;
+    std::string message = error.getMessage().toUTF8();
+    if (noSpace) {
+      message = "No space left on the device after writing " + std::to_string(result.bytesWritten) + " bytes of the target";
+    }
+    if (!message.empty() && message.back() == '.') message.pop_back();
+    message += removed ? "; the target was removed." : "; the grains written before stay, each whole.";
+    throw kx::CError(kx::String::fromUTF8(message), error.getContext(), error.getCode(), error.getProps());
+  } catch (...) {
+    letGo();
+    throw;
+  }
   return 0;
 }
 

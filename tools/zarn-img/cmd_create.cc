@@ -68,7 +68,7 @@ kx::P<zarn::CVMDKDisk> createDisk(CToolContext& context, const std::string& path
   uint32_t parentContentID = 0xFFFFFFFF;
   if (!options.backingFile.empty()) {
     const kx::CURI parentURI = zarn::vmdkFileReferenceToURI(uri.getParent(), kx::String::fromUTF8(options.backingFile));
-    kx::P<zarn::CVMDKDisk> parent = context.openDisk(parentURI, kx::IIOStream::ACCESS_READ, options.backingFile);
+    kx::P<zarn::CVMDKDisk> parent = context.openDiskChecked(parentURI, kx::IIOStream::ACCESS_READ, options.backingFile);
     parentContentID = parent->getDescriptor()->getContentID();
     if (sizeBytes < 0) sizeBytes = parent->getSizeBytes();
   }

@@ -35,7 +35,9 @@ int runInfo(CToolContext& context, const Args& args) {
         "\n"
         "Shows the layout of the disk FILE: create type, size, grain size,\n"
         "compression, encryption, content IDs, parent, extent files and how\n"
-        "their bytes are used.\n"
+        "their bytes are used. A disk that the other commands refuse (a broken\n"
+        "parent chain, an extent file that doesn't open) is refused here too,\n"
+        "with exit status 1 and the reason.\n"
         "\n%s",
         kCommonHelp);
     return 0;
@@ -44,7 +46,7 @@ int runInfo(CToolContext& context, const Args& args) {
   arguments.expectPositional(1, 1, "FILE");
   const std::string& path = arguments.positional()[0];
   applyCommonOptions(context, arguments);
-  kx::P<zarn::CVMDKDisk> disk = context.openDisk(path, kx::IIOStream::ACCESS_READ);
+  kx::P<zarn::CVMDKDisk> disk = context.openDiskChecked(path, kx::IIOStream::ACCESS_READ);
   const kx::P<zarn::CVMDKDescriptor> descriptor = disk->getDescriptor();
   const std::string createType = descriptor->getCreateType().toUTF8();
   const bool encrypted = !descriptor->getKxEncryptionAlgorithm().isEmpty();

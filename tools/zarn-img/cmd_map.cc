@@ -12,56 +12,15 @@ namespace zarn_img {
 
 namespace {
 
-// A chain longer than this is taken for a loop of parent references.
-constexpr size_t kMaxChainLength = 256;
-
-struct CLevel {
-  kx::P<zarn::CVMDKDisk> disk;
-  std::string name;
-};
-
 struct CRun {
   int64_t start;
   int64_t length;
   int depth;
 };
 
-// The disk and its parents, each opened read-only on its own and checked
-// against the content ID that its child recorded.
-std::vector<CLevel> openChain(CToolContext& context, const std::string& path) {
-  std::vector<CLevel> chain;
-  chain.push_back({context.openDisk(path, kx::IIOStream::ACCESS_READ), path});
-  for (;;) {
-    const CLevel& child = chain.back();
-    const kx::CURI parentURI = child.disk->getParentDiskMainURI();
-    if (parentURI.isEmpty()) break;
-    if (chain.size() >= kMaxChainLength) {
-      throw kx::CError("The chain of parent disks is too long.", kx::String(), -1,
-                       kx::CProps().add("uri", child.disk->getMainFileURI().toString(true)));
-    }
-    const std::string name = CToolContext::uriToPath(parentURI);
-    kx::P<zarn::CVMDKDisk> parent = context.openDisk(parentURI, kx::IIOStream::ACCESS_READ, name);
-    const uint32_t expected = child.disk->getDescriptor()->getParentContentID();
-    const uint32_t actual = parent->getDescriptor()->getContentID();
-    if (expected != actual) {
-      char expectedText[16], actualText[16];
-      std::snprintf(expectedText, sizeof expectedText, "%x", expected);
-      std::snprintf(actualText, sizeof actualText, "%x", actual);
-      throw kx::CIOError(kx::IOERR_DAMAGED_DATA, "VMDK parent disk has changed, but a child disk depended on it.",
-                         kx::CProps()
-                             .add("parentURI", parentURI.toString(true))
-                             .add("childURI", child.disk->getMainFileURI().toString(true))
-                             .add("expectedContentID", expectedText)
-                             .add("actualContentID", actualText));
-    }
-    chain.push_back({parent, name});
-  }
-  return chain;
-}
-
 // Where the grain at `position` comes from: the depth of the first disk of
 // the chain that holds it, or -1 when none does.
-int findDepth(const std::vector<CLevel>& chain, int64_t position) {
+int findDepth(const std::vector<CChainLevel>& chain, int64_t position) {
   chain[0].disk->seek(position);
   if (!chain[0].disk->isGrainWritten()) return -1;
   for (size_t depth = 0; depth < chain.size(); ++depth) {
@@ -91,7 +50,8 @@ int runMap(CToolContext& context, const Args& args) {
   const bool json = parseOutputFormat(arguments);
   arguments.expectPositional(1, 1, "FILE");
   applyCommonOptions(context, arguments);
-  const std::vector<CLevel> chain = openChain(context, arguments.positional()[0]);
+  std::vector<CChainLevel> chain;
+  context.openDiskChecked(arguments.positional()[0], kx::IIOStream::ACCESS_READ, &chain);
   const int64_t size = chain[0].disk->getSizeBytes();
   const int64_t grain = chain[0].disk->getGrainSizeBytes();
   std::vector<CRun> runs;

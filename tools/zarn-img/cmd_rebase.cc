@@ -27,7 +27,10 @@ int runRebase(CToolContext& context, const Args& args) {
   }
   const std::string reference = arguments.get("backing");
   applyCommonOptions(context, arguments);
-  kx::P<zarn::CVMDKDisk> disk = context.openDisk(arguments.positional()[0], kx::IIOStream::ACCESS_READ_WRITE);
+  const std::string& path = arguments.positional()[0];
+  kx::P<zarn::CVMDKDisk> disk = context.openDisk(path, kx::IIOStream::ACCESS_READ_WRITE);
+  // The old parent is what rebase replaces: it may well be gone.
+  context.checkOpenedDisk(disk, path, false);
   const uint32_t expected = disk->getDescriptor()->getParentContentID();
   if (expected == 0xFFFFFFFF) {
     throw kx::CError("The disk has no parent: only the parent reference of a differencing disk can change.",
@@ -36,7 +39,7 @@ int runRebase(CToolContext& context, const Args& args) {
   const kx::CURI parentURI =
       zarn::vmdkFileReferenceToURI(disk->getMainFileURI().getParent(), kx::String::fromUTF8(reference));
   {
-    kx::P<zarn::CVMDKDisk> parent = context.openDisk(parentURI, kx::IIOStream::ACCESS_READ, reference);
+    kx::P<zarn::CVMDKDisk> parent = context.openDiskChecked(parentURI, kx::IIOStream::ACCESS_READ, reference);
     const uint32_t actual = parent->getDescriptor()->getContentID();
     if (actual != expected) {
       char expectedText[16], actualText[16];

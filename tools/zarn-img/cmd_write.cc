@@ -71,7 +71,7 @@ int runWrite(CToolContext& context, const Args& args) {
         "Writes the bytes of INPUT (a file, or - for stdin) into the disk FILE from\n"
         "byte BYTES on (default 0; suffixes K, M, G, T), at any alignment. In a\n"
         "differencing disk the rest of a grain that is written in part keeps its\n"
-        "content from the parent.\n"
+        "content from the parent. Ctrl-C stops it between two grains.\n"
         "\n%s",
         kCommonHelp);
     return 0;
@@ -80,7 +80,7 @@ int runWrite(CToolContext& context, const Args& args) {
   const int64_t offset = parseSize("write", "offset", arguments.get("offset", "0"));
   applyCommonOptions(context, arguments);
   CInput input(arguments.positional()[1]);
-  kx::P<zarn::CVMDKDisk> disk = context.openDisk(arguments.positional()[0], kx::IIOStream::ACCESS_READ_WRITE);
+  kx::P<zarn::CVMDKDisk> disk = context.openDiskChecked(arguments.positional()[0], kx::IIOStream::ACCESS_READ_WRITE);
   const int64_t known = input.getKnownSize();
   if (offset > disk->getSizeBytes() || (known >= 0 && known > disk->getSizeBytes() - offset)) {
     // Refused before the first byte moves, not halfway.
@@ -88,14 +88,24 @@ int runWrite(CToolContext& context, const Args& args) {
                      kx::CProps().add("offset", offset).add("inputSize", known).add("diskSize", disk->getSizeBytes()));
   }
   disk->seek(offset);
-  std::vector<unsigned char> chunk(1 << 20);
+  // A grain at a time, the first up to the grain border after the offset: a
+  // signal stops the work between grains, never inside one.
+  const int64_t grain = disk->getGrainSizeBytes();
+  std::vector<unsigned char> chunk(static_cast<size_t>(grain));
   int64_t written = 0;
   for (;;) {
     checkInterrupted();
-    const size_t got = input.readFull(chunk.data(), chunk.size());
+    const int64_t position = offset + written;
+    const size_t wanted = static_cast<size_t>(grain - position % grain);
+    const size_t got = input.readFull(chunk.data(), wanted);
     if (got == 0) break;
+    if (static_cast<int64_t>(got) > disk->getSizeBytes() - position) {
+      throw kx::CError("The input doesn't fit into the disk at this offset.", kx::String(), -1,
+                       kx::CProps().add("offset", offset).add("diskSize", disk->getSizeBytes()));
+    }
     disk->write(chunk.data(), static_cast<int>(got));
     written += static_cast<int64_t>(got);
+    if (got < wanted) break;
   }
   disk->flushChanges();
   std::printf("wrote %lld bytes at offset %lld\n", static_cast<long long>(written), static_cast<long long>(offset));

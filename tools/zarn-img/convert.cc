@@ -44,7 +44,8 @@ struct CSlot {
 
 class CConverter {
  public:
-  CConverter(const CConvertEnds& ends, const CConvertSettings& settings) : ends_(ends), settings_(settings) {
+  CConverter(const CConvertEnds& ends, const CConvertSettings& settings, CConvertResult& result)
+      : ends_(ends), settings_(settings), result_(result) {
     const auto& source = ends_.sourceDisk;
     const auto& target = ends_.targetDisk;
     grainBytes_ = source ? source->getGrainSizeBytes() : target ? target->getGrainSizeBytes() : kRawGrainBytes;
@@ -61,7 +62,7 @@ class CConverter {
     compare_.resize(static_cast<size_t>(grainBytes_));
   }
 
-  CConvertResult run() {
+  void run() {
     const int threads = std::max(1, settings_.threads);
     const int64_t total = ends_.sourceSizeBytes;
     const int64_t grains = (total + grainBytes_ - 1) / grainBytes_;
@@ -100,7 +101,6 @@ class CConverter {
     if (ends_.targetDisk) ends_.targetDisk->flushChanges();
     progress.finish();
     result_.seconds = progress.getElapsedSeconds();
-    return result_;
   }
 
  private:
@@ -164,18 +164,28 @@ class CConverter {
       target->writePreparedGrainData(*slot.input);
       ++result_.grainsWritten;
       ++result_.grainsMoved;
+      result_.bytesWritten += slot.length;
       return;
     }
     const unsigned char* data = slot.zero ? zeros_.data() : slot.plain->getData();
     if (settings_.compareWithTarget) {
+      bool same;
       if (target) {
         target->seek(slot.position);
-        target->read(compare_.data(), slot.length);
+        // A grain that no disk of the chain holds reads as zeros: no need to
+        // read it to know.
+        same = slot.zero;
+        if (target->isGrainWritten()) {
+          target->seek(slot.position);
+          target->read(compare_.data(), slot.length);
+          same = std::memcmp(compare_.data(), data, static_cast<size_t>(slot.length)) == 0;
+        }
       } else {
         ends_.targetRaw->seek(slot.position);
         ends_.targetRaw->read(compare_.data(), slot.length);
+        same = std::memcmp(compare_.data(), data, static_cast<size_t>(slot.length)) == 0;
       }
-      if (std::memcmp(compare_.data(), data, static_cast<size_t>(slot.length)) == 0) return;
+      if (same) return;
     } else if (slot.zero) {
       return;
     }
@@ -191,6 +201,7 @@ class CConverter {
       ends_.targetRaw->write(data, slot.length, nullptr);
     }
     ++result_.grainsWritten;
+    result_.bytesWritten += slot.length;
   }
 
   CConvertEnds ends_;
@@ -203,13 +214,13 @@ class CConverter {
   std::vector<kx::P<zarn::CVMDKDataPreparer>> targetPreparers_;
   std::vector<unsigned char> zeros_;
   std::vector<unsigned char> compare_;
-  CConvertResult result_;
+  CConvertResult& result_;
 };
 
 }  // namespace
 
-CConvertResult convertGrains(const CConvertEnds& ends, const CConvertSettings& settings) {
-  return CConverter(ends, settings).run();
+void convertGrains(const CConvertEnds& ends, const CConvertSettings& settings, CConvertResult& result) {
+  CConverter(ends, settings, result).run();
 }
 
 }  // namespace zarn_img

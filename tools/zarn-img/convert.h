@@ -31,6 +31,7 @@ struct CConvertSettings {
 struct CConvertResult {
   int64_t grainsWritten = 0;
   int64_t grainsMoved = 0;  // of those, copied in prepared form
+  int64_t bytesWritten = 0;  // of the source's content, into the target
   double seconds = 0;
 };
 
@@ -42,6 +43,8 @@ struct CConvertResult {
 // packed, on `threads` threads with a preparer each, the disks being used by
 // the calling thread alone. Raises CInterrupted at the next grain after a
 // signal, and what the disks and streams raise; what was written before stays.
-CConvertResult convertGrains(const CConvertEnds& ends, const CConvertSettings& settings);
+// `result` counts as the work goes, so that a caller that catches knows how
+// far it got.
+void convertGrains(const CConvertEnds& ends, const CConvertSettings& settings, CConvertResult& result);
 
 }  // namespace zarn_img

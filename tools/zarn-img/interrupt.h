@@ -3,14 +3,16 @@
 #pragma once
 
 #include <stdexcept>
+#include <string>
 
 namespace zarn_img {
 
-// Raised where work stops after SIGINT or SIGTERM; main turns it into the
-// exit status 128 + signal.
+// Raised where work stops after SIGINT or SIGTERM; main prints the message
+// and turns it into the exit status 128 + signal.
 class CInterrupted : public std::runtime_error {
  public:
-  explicit CInterrupted(int signal) : std::runtime_error("interrupted"), signal_(signal) {}
+  explicit CInterrupted(int signal, const std::string& message = "interrupted; what was written so far is flushed")
+      : std::runtime_error(message), signal_(signal) {}
   int getSignal() const { return signal_; }
 
  private:

@@ -1,7 +1,9 @@
 // zarn-img: makes, converts, inspects and checks VMDK disks, in the manner of
 // qemu-img, through the public interface of the zarn library.
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -53,29 +55,35 @@ void printHelp() {
       "\n"
       "Every command takes --password-file F and --confine DIR; 'zarn-img COMMAND\n"
       "--help' tells more. SIZE takes the suffixes K, M, G, T (powers of 1024).\n"
-      "Exit status: 0 success, 1 error, 2 bad usage (check: 2 damage found),\n"
-      "128 + signal when interrupted.\n");
+      "Exit status: 0 success, 1 error (info: also a disk whose parent chain is\n"
+      "broken), 2 bad usage (check: 2 damage found, 1 the disk doesn't open),\n"
+      "128 + signal when interrupted.\n"
+      "\n"
+      "An error is one line on stderr. ZARN_IMG_DEBUG=1 in the environment adds\n"
+      "the library's own log lines, such as what failed after the first error.\n");
 }
 
-std::string describe(const kx::CError& error) {
-  std::string text = error.getMessage().toUTF8();
-  if (!error.getProps().isEmpty()) text += " (" + error.getProps().toString().toUTF8() + ")";
-  return text;
-}
-
-// Lines that the library logs reach the user as warnings. Its error lines are
-// dropped, since the same errors come up to main as exceptions, except the
-// ones of a destructor whose flush failed: those are the only sign of a lost
-// write, and they turn success into failure.
-bool gLostWrite = false;
+// The user sees one line for a failure: the first error. What the library
+// logs besides warnings, such as the destructors that fail one after another
+// once a write failed, goes to debug lines that ZARN_IMG_DEBUG=1 shows.
+bool gDebug = false;
+// The first destructor whose flush failed. Without an error in main, that is
+// the only sign of a lost write, and it turns success into failure.
+std::mutex gLostWriteMutex;
+std::string gLostWrite;
 
 void logToStderr(kx::LogLevel level, const kx::String& text, const std::exception* error) {
-  const bool destructor = level == kx::LogLevel::Error && text.StartsWith("Exception in destructor");
-  if (level == kx::LogLevel::Info || (level == kx::LogLevel::Error && !destructor)) return;
-  if (destructor) gLostWrite = true;
-  const auto* kxError = dynamic_cast<const kx::CError*>(error);
-  std::fprintf(stderr, "zarn-img: %s%s%s%s\n", destructor ? "" : "warning: ", text.toUTF8().c_str(),
-               error ? ": " : "", kxError ? describe(*kxError).c_str() : error ? error->what() : "");
+  std::string line = text.toUTF8();
+  if (error) line += ": " + describeError(*error);
+  if (level == kx::LogLevel::Warning) {
+    std::fprintf(stderr, "zarn-img: warning: %s\n", line.c_str());
+    return;
+  }
+  if (level == kx::LogLevel::Error && text.StartsWith("Exception in destructor")) {
+    std::lock_guard<std::mutex> lock(gLostWriteMutex);
+    if (gLostWrite.empty()) gLostWrite = error ? describeError(*error) : line;
+  }
+  if (gDebug) std::fprintf(stderr, "zarn-img: debug: %s\n", line.c_str());
 }
 
 int usageError(const std::string& command, const std::string& message) {
@@ -87,8 +95,12 @@ int usageError(const std::string& command, const std::string& message) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  kx::setLogSink(logToStderr);
+  // Before anything can open a file: a signal from now on stops the work at
+  // a grain border.
   installInterruptHandlers();
+  const char* debug = std::getenv("ZARN_IMG_DEBUG");
+  gDebug = debug && *debug && std::strcmp(debug, "0") != 0;
+  kx::setLogSink(logToStderr);
   const std::vector<std::string> all(argv + 1, argv + argc);
   if (all.empty()) return usageError("", "missing command");
   const std::string& name = all[0];
@@ -112,14 +124,16 @@ int main(int argc, char** argv) {
   } catch (const CUsageError& error) {
     return usageError(error.getCommand(), error.what());
   } catch (const CInterrupted& error) {
-    std::fprintf(stderr, "zarn-img: interrupted; what was written so far is flushed\n");
-    return 128 + error.getSignal();
-  } catch (const kx::CError& error) {
-    std::fprintf(stderr, "zarn-img: %s\n", describe(error).c_str());
-    return 1;
-  } catch (const std::exception& error) {
     std::fprintf(stderr, "zarn-img: %s\n", error.what());
+    return 128 + error.getSignal();
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "zarn-img: %s\n", describeError(error).c_str());
     return 1;
   }
-  return gLostWrite ? 1 : status;
+  std::lock_guard<std::mutex> lock(gLostWriteMutex);
+  if (!gLostWrite.empty()) {
+    std::fprintf(stderr, "zarn-img: %s\n", gLostWrite.c_str());
+    return 1;
+  }
+  return status;
 }
