@@ -168,7 +168,11 @@ void CVMDKSparseExtentFile::checkGeometry() {
 // Every piece of metadata has a place of its own in the head of the file,
 // where no grain may lie. Pieces that overlap would be written over each
 // other: a descriptor stored over a directory, a table over the descriptor.
+// A reader writes nothing, so it goes on where only tables overlap or leave
+// the head (what it can't read fails at that grain); the descriptor area,
+// which every opening of a writer stores into, is held to its place always.
 void CVMDKSparseExtentFile::checkMetadataLayout() {
+  const bool writer = access_ == kx::IIOStream::ACCESS_READ_WRITE;
   std::vector<CVMDKFileArea> areas;
   areas.push_back({0, 1, "header", -1});
   const uint64_t descriptorSectors = header_->getDescriptorSizeSectors();
@@ -197,14 +201,18 @@ void CVMDKSparseExtentFile::checkMetadataLayout() {
   };
   const auto head = static_cast<int64_t>(std::min<uint64_t>(header_->getOverheadSectors(), INT64_MAX / 2));
   const CVMDKFileArea* reaching = nullptr;  // of the areas so far, the one that ends last
+  const auto matters = [&](const CVMDKFileArea& area) {
+    return writer || std::strcmp(area.what, "descriptor area") == 0 || std::strcmp(area.what, "header") == 0;
+  };
   for (const CVMDKFileArea& area : areas) {
     if (area.sizeSectors < 1) continue;
-    if (reaching && area.startSectors < reaching->startSectors + reaching->sizeSectors) {
+    if (reaching && area.startSectors < reaching->startSectors + reaching->sizeSectors &&
+        (matters(area) || matters(*reaching))) {
       throw kx::CIOError(kx::IOERR_DAMAGED_DATA, "VMDK metadata areas overlap: " + describe(*reaching) + " and " +
                                                      describe(area) + ".",
                          uriProps());
     }
-    if (area.startSectors + area.sizeSectors > head) {
+    if (area.startSectors + area.sizeSectors > head && matters(area)) {
       throw kx::CIOError(kx::IOERR_DAMAGED_DATA,
                          "VMDK metadata reaches beyond the head of the file, where grains lie: " + describe(area) +
                              kx::String::Format(", head: %lld sectors.", static_cast<long long>(head)),

@@ -225,7 +225,8 @@ class CLocalFileStream final : public CBase, public IIOStream, public IFileIdent
       if (result <= 0) {
         const int error = result < 0 ? errno : ENOSPC;
         length_ = std::max(length_, position_ + done);
-        throwSystemError("Writing to the file", error, uri_);
+        throwSystemError("Writing to the file", error, uri_, false,
+                         CProps().add("position", position_ + done).add("bytesToWrite", size - done));
       }
       done += static_cast<int>(result);
     }
@@ -316,7 +317,9 @@ class CLocalFileStream final : public CBase, public IIOStream, public IFileIdent
       const ssize_t result = ::pread(handle_->get(), bytes + done, static_cast<size_t>(size - done),
                                      static_cast<off_t>(offset + done));
       if (result < 0 && errno == EINTR) continue;
-      if (result < 0) throwSystemError("Reading from the file", errno, uri_);
+      if (result < 0) {
+        throwSystemError("Reading from the file", errno, uri_, false, CProps().add("position", offset + done));
+      }
       if (result == 0) break;
       done += static_cast<int>(result);
     }

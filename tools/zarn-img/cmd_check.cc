@@ -26,8 +26,9 @@ int runCheck(CToolContext& context, const Args& args) {
         "each parent: that it opens, isn't already in the chain and has the\n"
         "content ID its child recorded), then reads every grain that the disk FILE\n"
         "holds itself, reports each that can't be read, and shows the space use.\n"
-        "Exit status: 0 clean, 2 damage found, 1 the disk doesn't open (or a\n"
-        "parent needs a password that wasn't given).\n"
+        "Exit status: 0 clean, 2 damage found (also a disk that doesn't open\n"
+        "because it is damaged), 1 the disk can't be checked (missing, locked, or\n"
+        "a password that wasn't given).\n"
         "\n%s",
         kCommonHelp);
     return 0;
@@ -35,7 +36,16 @@ int runCheck(CToolContext& context, const Args& args) {
   arguments.expectPositional(1, 1, "FILE");
   applyCommonOptions(context, arguments);
   const std::string& path = arguments.positional()[0];
-  kx::P<zarn::CVMDKDisk> disk = context.openDisk(path, kx::IIOStream::ACCESS_READ);
+  kx::P<zarn::CVMDKDisk> disk;
+  try {
+    disk = context.openDisk(path, kx::IIOStream::ACCESS_READ);
+  } catch (const kx::CIOError& error) {
+    // A disk that the library refuses as damaged is damage found too.
+    if (error.getCode() != kx::IOERR_DAMAGED_DATA) throw;
+    std::printf("ERROR %s\n", describeError(error).c_str());
+    std::printf("\nThe image is damaged; it doesn't open.\n");
+    return 2;
+  }
   // What opened can still be damaged where the other commands would fail
   // before reading a grain: that is damage found, not a disk that doesn't open.
   try {
