@@ -203,9 +203,8 @@ void writeEmptyFile(kx::IFileSystem* fileSystem, const kx::CURI& uri, bool compr
     writeVMDKMarker(out, MARKER_EOS, 0, zeros);
   }
 
-  // The header that names the metadata goes last, and only once the rest is
-  // on the device: a file whose making was cut short never looks finished.
-  stream->flush();
+  // The header that names the metadata goes last: a file whose making was
+  // cut short never looks finished.
   stream->seek(0);
   header.store(out);
   // The stream would write back in its destructor too, but there a failure

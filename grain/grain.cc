@@ -144,6 +144,15 @@ void CVMDKGrain::read(void* buffer, int size) {
                        uriProps().add("position", posInGrain_).add("bytesToRead", size));
   }
   checkOpen("read");
+  if (!compressed_ && !cipher_ && posSectors_ > 0 && grainData_.isEmpty()) {
+    // A plain grain's bytes are its stored form: read straight from the slot,
+    // as much as is asked, into the caller's memory.
+    seekToSlot();
+    stream_->seek(posSectors_ * kSectorSizeBytes + posInGrain_);
+    stream_->read(buffer, size);
+    posInGrain_ += size;
+    return;
+  }
   if (posSectors_ < 1 && grainData_.isEmpty()) {
     // A hole costs no memory, and a parent's bytes pass straight through.
     if (fallbackProvider_) {

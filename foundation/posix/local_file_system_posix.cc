@@ -11,6 +11,7 @@
 
 #include "foundation/kx/stream_checks.h"
 #include "kx/error.h"
+#include "kx/data_regions.h"
 #include "kx/file_identity.h"
 #include "kx/local_file_system.h"
 #include "foundation/posix/local_file_stream.h"
@@ -131,7 +132,7 @@ class CLocalStreamLock final : public CBase, public IStreamLock {
   bool unsynced_ = false;  // written to since the last flush
 };
 
-class CLocalFileStream final : public CBase, public IIOStream, public IFileIdentity {
+class CLocalFileStream final : public CBase, public IIOStream, public IFileIdentity, public IDataRegions {
  public:
   CLocalFileStream(const P<CFileHandle>& handle, const CURI& uri, Access access, int64_t length)
       : handle_(handle), uri_(uri), access_(access), length_(length) {}
@@ -273,6 +274,25 @@ class CLocalFileStream final : public CBase, public IIOStream, public IFileIdent
     } while (result < 0 && errno == EINTR);
     if (result < 0) throwSystemError("Setting the file length", errno, uri_);
     length_ = length;
+  }
+
+  bool findData(int64_t position, int64_t& dataStart, int64_t& dataEnd) override {
+    checkOpen();
+    refreshLength();
+    if (position >= length_) return false;
+    const off_t start = ::lseek(handle_->get(), static_cast<off_t>(position), SEEK_DATA);
+    if (start < 0) {
+      if (errno == ENXIO) return false;  // holes to the end
+      if (errno != EINVAL && errno != EOPNOTSUPP) throwSystemError("Looking for data in the file", errno, uri_);
+      dataStart = position;  // the system can't tell: all of it is data
+      dataEnd = length_;
+      return true;
+    }
+    const off_t end = ::lseek(handle_->get(), start, SEEK_HOLE);
+    if (end < 0) throwSystemError("Looking for a hole in the file", errno, uri_);
+    dataStart = static_cast<int64_t>(start);
+    dataEnd = std::min<int64_t>(static_cast<int64_t>(end), length_);
+    return dataStart < dataEnd;
   }
 
   int checkSameFile(const CURI& uri) override {

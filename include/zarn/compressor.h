@@ -2,7 +2,10 @@
 //
 // It tries a fast deflate at the requested level and falls back to deflate at
 // level 0 (stored blocks) when that fails or comes out larger than the stored
-// form could. So the compressed size of a grain never exceeds a bound known in
+// form could. Data that a cheap test calls random (even byte frequencies in a
+// 4 KiB sample, and an 8 KiB piece that the fastest level doesn't shrink)
+// goes to stored blocks at once: DEFLATE would cost as much as on text for
+// nothing. So the compressed size of a grain never exceeds a bound known in
 // advance, which is what a grain's worst-case slot rests on. Both engines
 // write zlib streams, so the primary engine decompresses what the fallback
 // wrote, and a disk written at one level reads at any other.
@@ -12,6 +15,7 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 #include "kx/base.h"
 #include "kx/simple_compressor.h"
@@ -46,10 +50,15 @@ class CVMDKCompressor : public kx::CBase, public kx::ISimpleCompressor {
   int getLevel() const { return level_; }
 
  private:
+  bool looksIncompressible(const unsigned char* data, int size);
+
   int level_;
   kx::P<kx::ISimpleCompressor> primary_;
   kx::P<kx::ISimpleCompressor> fallback_;
   int64_t fallbackCount_ = 0;
+  // For the test of random data: the fastest level and room for its output.
+  kx::P<kx::ISimpleCompressor> probe_;
+  std::vector<unsigned char> probeOutput_;
 };
 
 }  // namespace zarn

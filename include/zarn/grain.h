@@ -7,7 +7,9 @@
 //
 // Reading: a grain without a slot reads from the fallback provider, or as
 // zeros, without loading anything; an allocated grain is read once (decrypted
-// and decompressed) into the grain's buffer and served from there.
+// and decompressed) into the grain's buffer and served from there, but for a
+// plain grain without a cipher, whose stored form is its bytes, which is read
+// from the file into the caller's memory directly.
 // Writing is late: `write` only changes the buffer; the grain is prepared
 // (compressed), encrypted and stored when it is closed or flushed. In a plain
 // extent without a cipher, whose stored form is the bytes themselves, a write

@@ -46,4 +46,21 @@ TEST(CompressorTest, FallsBackToStoredBlocksWhenTheFastEngineCantDeliver) {
   EXPECT_THROW(zarn::CVMDKCompressor(0).compressSingleStep(noise.data(), -1, out.data(), 10), kx::CError);
 }
 
+// Random bytes skip the engine for stored blocks at once; a random block
+// repeated, which the engine shrinks, does not.
+TEST(CompressorTest, RandomDataIsStoredWithoutTryingTheEngine) {
+  std::vector<unsigned char> repeated(65536);
+  const std::vector<unsigned char> noise = test::noiseGrain(65536, 2), block = test::noiseGrain(4096, 3);
+  for (size_t i = 0; i < repeated.size(); ++i) repeated[i] = block[i % block.size()];
+  std::vector<unsigned char> out(70000), back(65536);
+  zarn::CVMDKCompressor compressor(6);
+  compressor.compressSingleStep(noise.data(), 65536, out.data(), 70000);
+  EXPECT_EQ(compressor.getCompressFallbackCount(), 1);
+  const int size = compressor.compressSingleStep(repeated.data(), 65536, out.data(), 70000);
+  EXPECT_LT(size, 8192);
+  EXPECT_EQ(compressor.getCompressFallbackCount(), 1);
+  EXPECT_EQ(compressor.decompressSingleStep(out.data(), size, back.data(), 65536), 65536);
+  EXPECT_EQ(back, repeated);
+}
+
 }  // namespace

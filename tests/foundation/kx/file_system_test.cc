@@ -17,6 +17,7 @@
 #include "kx/file_identity.h"
 #include "kx/local_file_system.h"
 #include "kx/memory_file_system.h"
+#include "kx/data_regions.h"
 #include "tests/support/caught_error.h"
 #include "tests/support/counting_file_system.h"
 #include "tests/support/fault_injection_file_system.h"
@@ -254,6 +255,29 @@ class LocalFileSystemTest : public testing::Test {
   test::CTempDir dir_;
   kx::P<kx::CLocalFileSystem> fs_ = kx::create<kx::CLocalFileSystem>();
 };
+
+// Where a sparse file holds data: runs of data are found, holes passed.
+TEST_F(LocalFileSystemTest, DataRegionsPassOverHoles) {
+  constexpr int64_t kMiB = 1 << 20;
+  auto stream = open(dir_.getFileURI("sparse"));
+  write(*stream, std::string(4096, 'a'));
+  stream->setLength(16 * kMiB);
+  stream->seek(8 * kMiB);
+  write(*stream, std::string(4096, 'b'));
+  auto regions = kx::dynamicCast<kx::IDataRegions>(stream);
+  ASSERT_TRUE(regions);
+  int64_t start = -1, end = -1;
+  ASSERT_TRUE(regions->findData(0, start, end));
+  if (end == 16 * kMiB) GTEST_SKIP() << "this file system doesn't report holes";
+  EXPECT_EQ(start, 0);
+  EXPECT_GE(end, 4096);
+  EXPECT_LT(end, 8 * kMiB);
+  ASSERT_TRUE(regions->findData(end, start, end));
+  EXPECT_LE(start, 8 * kMiB);
+  EXPECT_GE(end, 8 * kMiB + 4096);
+  EXPECT_FALSE(regions->findData(end, start, end));
+  EXPECT_FALSE(regions->findData(16 * kMiB, start, end));
+}
 
 TEST_F(LocalFileSystemTest, RefusesURIsThatAreNotLocal) {
   const std::string path = dir_.getPath() + "/f";
