@@ -4,7 +4,7 @@ SAN_DIR      ?= build-sanitize
 JOBS         ?= $(shell nproc)
 CMAKE_FLAGS  ?=
 
-.PHONY: all deps configure build test test-sanitize test-slow bench fuzz demo install clean
+.PHONY: all deps configure build test test-sanitize test-slow bench bench-compare fuzz demo install clean
 
 all: build
 
@@ -32,6 +32,15 @@ test-sanitize: deps
 
 bench: build
 	@for b in $(BUILD_DIR)/bench/*_bench; do echo "== $$b"; $$b --benchmark_min_time=0.2; done
+
+# zarn-img against qemu-img, qemu-io and cat on the same images (bench/bench_compare.py;
+# not part of `make test`). BENCH_SIZE (1G), BENCH_PAIRS (5), BENCH_OPS (20000) and
+# BENCH_DIR set it; `BENCH_SIZE=64M BENCH_PAIRS=2` makes a trial. The table goes to
+# $(BUILD_DIR)/bench-compare.md.
+bench-compare: build
+	@./scripts/install-deps.sh python3 time
+	cd bench && BENCH_BUILD_DIR=$(abspath $(BUILD_DIR)) /usr/bin/python3 -m unittest -q test_bench_compare
+	/usr/bin/python3 bench/bench_compare.py --build-dir $(BUILD_DIR)
 
 # libFuzzer runs of every fuzz target (clang), FUZZ_SECONDS each; new inputs
 # collect in $(FUZZ_DIR)/corpus/<target>.
