@@ -10,6 +10,8 @@
 //                           and fdatasync fails with EIO too
 //   ZARN_FAULT_COUNT_FILE=F at exit the number of write calls counted is
 //                           written to F
+//   ZARN_WRITE_DELAY_US=N   every counted write waits N microseconds first,
+//                           as on a slow disk, so a signal lands mid-way
 //   ZARN_FAULT_SKIP_SYNC=1  fsync and fdatasync return at once: the page
 //                           cache outlives a killed process, so waiting for
 //                           the device shows nothing that such a test sees
@@ -38,6 +40,7 @@ static long gFaultAt;
 static int gMode;
 static const char* gCountFile;
 static int gSkipSync;
+static long gDelayMicroseconds;
 
 __attribute__((constructor)) static void readSettings(void) {
   const char* at = getenv("ZARN_FAULT_AT");
@@ -48,6 +51,8 @@ __attribute__((constructor)) static void readSettings(void) {
   gCountFile = getenv("ZARN_FAULT_COUNT_FILE");
   const char* skipSync = getenv("ZARN_FAULT_SKIP_SYNC");
   gSkipSync = skipSync && strcmp(skipSync, "1") == 0;
+  const char* delay = getenv("ZARN_WRITE_DELAY_US");
+  gDelayMicroseconds = delay ? atol(delay) : 0;
 }
 
 // Raw system calls: the report must neither count itself nor depend on
@@ -71,6 +76,7 @@ static int isRegularFile(int fd) {
 static int isFault(int fd) {
   if (!isRegularFile(fd)) return 0;
   const long call = atomic_fetch_add(&gCalls, 1) + 1;
+  if (gDelayMicroseconds > 0) usleep((useconds_t)gDelayMicroseconds);
   if (gFaultAt <= 0 || (call < gFaultAt && !atomic_load(&gFailing))) return 0;
   if (gMode == kModeKill) raise(SIGKILL);
   atomic_store(&gFailing, 1);

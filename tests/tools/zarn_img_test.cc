@@ -571,14 +571,17 @@ TEST_F(ZarnImgTest, FailedWritesEndInOneLineAndRemoveANewTarget) {
 // Ctrl-C: a new target goes with everything it had; an existing one stays,
 // each grain as it was or as the source has it, and opens.
 TEST_F(ZarnImgTest, InterruptedConvertRemovesANewTargetAndKeepsAnExistingOne) {
-#ifdef ZARN_IMG_PATH
-  // 64 GiB of holes behind 1 MiB of data: far more than can pass before the signal.
-  const Bytes head = test::noiseGrain(kMiB, 5);
+#if defined(ZARN_IMG_PATH) && defined(ZARN_WRITE_FAULT_SHIM)
+  // 16 MiB of data behind which lie 64 GiB of holes, onto a disk that takes
+  // 5 ms a write: far more than can pass before the signal.
+  const Bytes head = test::noiseGrain(16 * kMiB, 5);
   write("big.raw", head);
   std::filesystem::resize_file(path("big.raw"), uint64_t(64) << 30);
   const std::vector<std::string> before = listFiles();
+  const std::vector<std::string> slow = {std::string("LD_PRELOAD=") + ZARN_WRITE_FAULT_SHIM,
+                                         "ASAN_OPTIONS=verify_asan_link_order=0", "ZARN_WRITE_DELAY_US=5000"};
   {
-    test::CChildProcess convert({ZARN_IMG_PATH, "convert", "big.raw", "big.vmdk"}, {}, dir_.getPath());
+    test::CChildProcess convert({ZARN_IMG_PATH, "convert", "big.raw", "big.vmdk"}, slow, dir_.getPath());
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     while (!std::filesystem::exists(path("big.vmdk")) && std::chrono::steady_clock::now() < deadline) {
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -591,7 +594,7 @@ TEST_F(ZarnImgTest, InterruptedConvertRemovesANewTargetAndKeepsAnExistingOne) {
     EXPECT_EQ(listFiles(), before);
   }
   ok("create -o subformat=twoGbMaxExtentSparse big.vmdk 64G");
-  test::CChildProcess convert({ZARN_IMG_PATH, "convert", "-n", "big.raw", "big.vmdk"}, {}, dir_.getPath());
+  test::CChildProcess convert({ZARN_IMG_PATH, "convert", "-n", "big.raw", "big.vmdk"}, slow, dir_.getPath());
   std::this_thread::sleep_for(std::chrono::milliseconds(500));
   convert.sendSignal(SIGTERM);
   const test::CProcessEnd end = convert.wait();

@@ -221,6 +221,9 @@ int runConvert(CToolContext& context, const Args& args) {
     if (!noCreate) made = std::make_unique<CNewTarget>(context, targetURI);
     if (targetIsVmdk && !noCreate) {
       ends.targetDisk = createDisk(context, targetPath, ends.sourceSizeBytes, options);
+      // Nothing can have recorded the content ID of a disk made a moment ago:
+      // it needn't change, which saves a descriptor store and a device flush.
+      ends.targetDisk->setContentIDUpdatesEnabled(false);
       made->setDisk(*ends.targetDisk);
     } else if (!targetIsVmdk) {
       if (made) made->setRaw();

@@ -7,6 +7,7 @@
 
 #include "interrupt.h"
 #include "kx/buffer.h"
+#include "kx/data_regions.h"
 #include "kx/error.h"
 #include "progress.h"
 #include "worker_pool.h"
@@ -37,9 +38,14 @@ struct CSlot {
   BufferP input = kx::create<Buffer>();
   BufferP unpackAux = kx::create<Buffer>();
   BufferP packAux = kx::create<Buffer>();
-  BufferP plain;   // the grain's bytes (input or unpackAux); null when absent
+  BufferP plain;   // the grain's bytes (input or unpackAux); null when absent or staged
   BufferP packed;  // the target's prepared form, or null
   bool zero = false;
+  // A raw target's bytes are gathered here, in the batch's stage at this
+  // slot's place, so that neighbours go out in one write; null otherwise.
+  unsigned char* stage = nullptr;
+  bool staged = false;  // the grain's bytes were read into `stage`
+  const unsigned char* data() const { return staged ? stage : plain->getData(); }
 };
 
 class CConverter {
@@ -60,6 +66,8 @@ class CConverter {
     }
     zeros_.resize(static_cast<size_t>(grainBytes_));
     compare_.resize(static_cast<size_t>(grainBytes_));
+    if (ends_.sourceRaw) sourceRegions_ = kx::dynamicCast<kx::IDataRegions>(ends_.sourceRaw);
+    gather_ = ends_.targetRaw && !settings_.compareWithTarget;
   }
 
   void run() {
@@ -69,14 +77,19 @@ class CConverter {
     CProgress progress(settings_.showProgress, total);
     std::vector<CSlot> batches[2];
     const size_t batchSize = static_cast<size_t>(threads * kGrainsPerThread);
-    batches[0].resize(batchSize);
-    batches[1].resize(batchSize);
+    std::vector<unsigned char> stages[2];
+    for (int b = 0; b < 2; ++b) {
+      batches[b].resize(batchSize);
+      if (!gather_) continue;
+      stages[b].resize(batchSize * static_cast<size_t>(grainBytes_));
+      for (size_t i = 0; i < batchSize; ++i) batches[b][i].stage = stages[b].data() + i * static_cast<size_t>(grainBytes_);
+    }
     // After the batches, so that it goes first: its threads may hold slots.
     std::unique_ptr<CWorkerPool> pool;
     if (threads > 1) pool = std::make_unique<CWorkerPool>(threads);
     size_t pending = 0;  // slots of the other batch that wait to be written
     int current = 0;
-    for (int64_t first = 0; first < grains; first += static_cast<int64_t>(batchSize)) {
+    for (int64_t first = 0; (first = skipHoles(first)) < grains; first += static_cast<int64_t>(batchSize)) {
       std::vector<CSlot>& batch = batches[current];
       const size_t count = static_cast<size_t>(std::min<int64_t>(batchSize, grains - first));
       for (size_t i = 0; i < count; ++i) readSlot(batch[i], (first + static_cast<int64_t>(i)) * grainBytes_);
@@ -104,6 +117,28 @@ class CConverter {
   }
 
  private:
+  // The first grain from `grain` on that isn't wholly in a hole of a raw
+  // source: the holes of a sparse file are never read.
+  int64_t skipHoles(int64_t grain) {
+    // With a target to compare with, a hole is data too: zeros where the
+    // target may hold other bytes.
+    if (!sourceRegions_ || settings_.compareWithTarget) return grain;
+    const int64_t position = grain * grainBytes_;
+    if (!isInHole(position, std::min<int64_t>(grainBytes_, ends_.sourceSizeBytes - position))) return grain;
+    return std::max(grain, dataStart_ / grainBytes_);
+  }
+
+  // Whether [position, position + length) of a raw source is all hole.
+  bool isInHole(int64_t position, int64_t length) {
+    if (!sourceRegions_ || length <= 0) return false;
+    if (position >= dataEnd_) {
+      if (!sourceRegions_->findData(position, dataStart_, dataEnd_)) {
+        dataStart_ = dataEnd_ = ends_.sourceSizeBytes;
+      }
+    }
+    return position + length <= dataStart_;
+  }
+
   void readSlot(CSlot& slot, int64_t position) {
     checkInterrupted();
     slot.position = position;
@@ -111,6 +146,7 @@ class CConverter {
     slot.plain = nullptr;
     slot.packed = nullptr;
     slot.zero = false;
+    slot.staged = false;
     const bool whole = slot.length == grainBytes_;
     if (zarn::CVMDKDisk* source = ends_.sourceDisk.get()) {
       source->seek(position);
@@ -120,16 +156,27 @@ class CConverter {
         source->readPreparedGrainData(*slot.input);
         slot.kind = move_ ? CSlot::kMoved : CSlot::kPrepared;
       } else {
-        slot.input->setUsed(static_cast<size_t>(slot.length));
-        source->read(slot.input->getData(), slot.length);
+        source->read(plainDestination(slot), slot.length);
         slot.kind = CSlot::kPlain;
       }
+    } else if (isInHole(position, slot.length)) {
+      slot.kind = CSlot::kAbsent;
     } else {
-      slot.input->setUsed(static_cast<size_t>(slot.length));
       ends_.sourceRaw->seek(position);
-      ends_.sourceRaw->read(slot.input->getData(), slot.length);
+      ends_.sourceRaw->read(plainDestination(slot), slot.length);
       slot.kind = CSlot::kPlain;
     }
+  }
+
+  // Where a grain read in plain goes: straight into the stage of a raw
+  // target, else the slot's own buffer.
+  unsigned char* plainDestination(CSlot& slot) {
+    if (slot.stage) {
+      slot.staged = true;
+      return slot.stage;
+    }
+    slot.input->setUsed(static_cast<size_t>(slot.length));
+    return slot.input->getData();
   }
 
   // On a worker: no disk is touched here, only the slot and the worker's own
@@ -139,10 +186,12 @@ class CConverter {
       slot.zero = slot.kind == CSlot::kAbsent;
       return;
     }
-    slot.plain = slot.kind == CSlot::kPrepared
-                     ? sourcePreparers_[worker]->unprepareGrainData(slot.input.get(), slot.unpackAux.get())
-                     : slot.input;
-    slot.zero = isAllZero(slot.plain->getData(), static_cast<size_t>(slot.length));
+    if (!slot.staged) {
+      slot.plain = slot.kind == CSlot::kPrepared
+                       ? sourcePreparers_[worker]->unprepareGrainData(slot.input.get(), slot.unpackAux.get())
+                       : slot.input;
+    }
+    slot.zero = isAllZero(slot.data(), static_cast<size_t>(slot.length));
     if (!slot.zero && pack_) {
       slot.packed = targetPreparers_[worker]->prepareGrainData(slot.plain.get(), slot.position / grainBytes_,
                                                                slot.packAux.get());
@@ -150,10 +199,30 @@ class CConverter {
   }
 
   void writeBatch(std::vector<CSlot>& batch, size_t count, CProgress& progress) {
-    for (size_t i = 0; i < count; ++i) {
+    for (size_t i = 0; i < count;) {
       checkInterrupted();
-      writeSlot(batch[i]);
-      progress.update(batch[i].position + batch[i].length);
+      if (!gather_ || batch[i].zero) {
+        writeSlot(batch[i]);
+        progress.update(batch[i].position + batch[i].length);
+        ++i;
+        continue;
+      }
+      // Neighbours that hold data go out in one write from the stage; zero
+      // grains stay holes of the new file.
+      size_t end = i;
+      int64_t bytes = 0;
+      while (end < count && !batch[end].zero && batch[end].position == batch[i].position + bytes) {
+        CSlot& slot = batch[end];
+        if (!slot.staged) std::memcpy(slot.stage, slot.data(), static_cast<size_t>(slot.length));
+        bytes += slot.length;
+        ++end;
+      }
+      ends_.targetRaw->seek(batch[i].position);
+      ends_.targetRaw->write(batch[i].stage, static_cast<int>(bytes), nullptr);
+      result_.grainsWritten += static_cast<int64_t>(end - i);
+      result_.bytesWritten += bytes;
+      progress.update(batch[end - 1].position + batch[end - 1].length);
+      i = end;
     }
   }
 
@@ -167,7 +236,7 @@ class CConverter {
       result_.bytesWritten += slot.length;
       return;
     }
-    const unsigned char* data = slot.zero ? zeros_.data() : slot.plain->getData();
+    const unsigned char* data = slot.zero ? zeros_.data() : slot.data();
     if (settings_.compareWithTarget) {
       bool same;
       if (target) {
@@ -215,6 +284,11 @@ class CConverter {
   std::vector<unsigned char> zeros_;
   std::vector<unsigned char> compare_;
   CConvertResult& result_;
+  // Where a raw source holds data, from the file system, as far as known.
+  kx::P<kx::IDataRegions> sourceRegions_;
+  int64_t dataStart_ = 0;
+  int64_t dataEnd_ = 0;
+  bool gather_ = false;  // a new raw target: neighbours are written as one
 };
 
 }  // namespace
