@@ -407,6 +407,30 @@ void CVMDKDisk::writePreparedGrainData(const kx::TBuffer<unsigned char>& data) {
   position_ += grainSizeBytes_;
 }
 
+bool CVMDKDisk::readStoredGrainData(kx::TBuffer<unsigned char>& data) {
+  checkPreparedRange(true);
+  kx::P<IVMDKExtentFile> extent = beginWholeGrain("readStoredGrainData");
+  const bool stored = extent->readStoredGrainData(data);
+  position_ += grainSizeBytes_;
+  return stored;
+}
+
+void CVMDKDisk::writeStoredGrainData(const kx::TBuffer<unsigned char>& data) {
+  checkPreparedRange(false);
+  if (access_ != kx::IIOStream::ACCESS_READ_WRITE) {
+    throw kx::CError("Internal error: CVMDKDisk::write was called, but the disk was not opened for writing.");
+  }
+  kx::P<IVMDKExtentFile> extent = beginWholeGrain("writeStoredGrainData");
+  extent->writeStoredGrainData(data);
+  position_ += grainSizeBytes_;
+}
+
+kx::P<CVMDKGrainCodec> CVMDKDisk::createGrainCodec() const {
+  if (!cipher_) return nullptr;
+  return kx::create<CVMDKGrainCodec>(grainSizeSectors_, compressed_, kx::create<brix::CCipher_AES256CBC>().get(),
+                                     encryptionKey_, encryptionIV_);
+}
+
 int64_t CVMDKDisk::makeGrainIndependentOfParent(int64_t grainIndex) {
   if (access_ != kx::IIOStream::ACCESS_READ_WRITE) {
     throw kx::CError(

@@ -60,6 +60,18 @@ void CVMDKNullExtentFile::writePreparedGrainData(const kx::TBuffer<unsigned char
                    uriProps());
 }
 
+void CVMDKNullExtentFile::writeStoredGrainData(const kx::TBuffer<unsigned char>&) {
+  throw kx::CError("Internal error: writeStoredGrainData method called on VMDK null extent file.", "", -1,
+                   uriProps());
+}
+
+bool CVMDKNullExtentFile::readStoredGrainData(kx::TBuffer<unsigned char>& data) {
+  checkPreparedGrainRange(true, position_, grainSizeBytes_, extentSizeBytes_, uriProps());
+  data.setUsed(0);
+  position_ += grainSizeBytes_;
+  return false;
+}
+
 int64_t CVMDKNullExtentFile::makeGrainIndependentOfParent(int64_t) {
   throw kx::CError("Internal error: makeGrainIndependentOfParent method called on VMDK null extent file.", "", -1,
                    uriProps());

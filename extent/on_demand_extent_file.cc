@@ -102,6 +102,11 @@ void CVMDKOnDemandExtentFile::writePreparedGrainData(const kx::TBuffer<unsigned 
   inner_->writePreparedGrainData(data);
 }
 
+void CVMDKOnDemandExtentFile::writeStoredGrainData(const kx::TBuffer<unsigned char>& data) {
+  prepareWrite();
+  inner_->writeStoredGrainData(data);
+}
+
 int64_t CVMDKOnDemandExtentFile::makeGrainIndependentOfParent(int64_t grainIndex) {
   prepareWrite();
   return inner_->makeGrainIndependentOfParent(grainIndex);

@@ -371,6 +371,22 @@ void CVMDKSparseExtentFile::writePreparedGrainData(const kx::TBuffer<unsigned ch
   position_ += grainSizeBytes_;
 }
 
+bool CVMDKSparseExtentFile::readStoredGrainData(kx::TBuffer<unsigned char>& data) {
+  checkPreparedGrainRange(true, position_, grainSizeBytes_, extentSizeBytes_, uriProps());
+  beginWholeGrain("readStoredGrainData");
+  const bool stored = grain_->readStoredGrainData(data);
+  position_ += grainSizeBytes_;
+  return stored;
+}
+
+void CVMDKSparseExtentFile::writeStoredGrainData(const kx::TBuffer<unsigned char>& data) {
+  checkPreparedGrainRange(false, position_, grainSizeBytes_, extentSizeBytes_, uriProps());
+  onAboutToChange();
+  beginWholeGrain("writeStoredGrainData");
+  grain_->writeStoredGrainData(data);
+  position_ += grainSizeBytes_;
+}
+
 int64_t CVMDKSparseExtentFile::makeGrainIndependentOfParent(int64_t grainIndex) {
   verifyHaveWriteAccess();
   seek(grainIndex * grainSizeBytes_);

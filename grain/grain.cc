@@ -4,6 +4,7 @@
 
 #include "kx/error.h"
 #include "kx/log.h"
+#include "zarn/grain_codec.h"
 #include "zarn/format_constants.h"
 
 namespace zarn {
@@ -47,14 +48,15 @@ CVMDKGrain::CVMDKGrain(kx::IIOStream* stream, kx::IIOStream::Access access, int6
       compressed_(compressed),
       compressionLevel_(compressionLevel),
       fallbackProvider_(kx::P<IVMDKDataProvider>::share(fallbackProvider)),
-      cipher_(kx::P<brix::ICipher>::share(cipher)),
-      key_(key),
-      baseIV_(baseIV) {
+      cipher_(kx::P<brix::ICipher>::share(cipher)) {
   if (grainSizeSectors < 1 || grainSizeSectors > kVMDKMaxGrainSizeSectors) {
     throw kx::CInvalidArgError("CVMDKGrain", kx::String::Format("Invalid grain size: %lld sectors",
                                                                 static_cast<long long>(grainSizeSectors)));
   }
-  if (cipher_) cipherBlockSize_ = cipher_->getBlockLength();
+  if (cipher_) {
+    codec_ = kx::create<CVMDKGrainCodec>(grainSizeSectors, compressed, cipher, key, baseIV);
+    cipherBlockSize_ = codec_->getBlockLength();
+  }
   preparer_ = createDataPreparer();
   worstCaseSectors_ = preparer_->getWorstCaseGrainSizeSectors();
   if (cipher_) {
@@ -241,24 +243,21 @@ void CVMDKGrain::readUncompressedGrain(kx::TBuffer<unsigned char>& buffer) {
   }
   encrypted_.setUsed(static_cast<size_t>(grainSizeBytes_));
   stream_->read(encrypted_.getData(), static_cast<int>(grainSizeBytes_));
-  makeGrainEncryptIV(grainIV_, baseIV_, diskGrainIndex_);
-  cipher_->decryptData(key_, encrypted_.getData(), static_cast<int>(grainSizeBytes_), buffer, false,
-                       grainIV_.getData());
-  if (static_cast<int64_t>(buffer.getUsed()) != grainSizeBytes_) {
-    throw kx::CError("Internal error: CVMDKGrain::readUncompressedGrain decrypted data size is not uncompressed grain size",
-                     "", -1,
-                     kx::CProps()
-                         .add("decryptedSize", static_cast<uint64_t>(buffer.getUsed()))
-                         .add("uncompressedGrainSize", grainSizeBytes_));
-  }
+  codec_->decrypt(diskGrainIndex_, encrypted_.getData(), grainSizeBytes_, 0, buffer);
 }
 
 void CVMDKGrain::readCompressedGrain(kx::TBuffer<unsigned char>& buffer) {
   kx::TBuffer<unsigned char>& work = cipher_ ? encrypted_ : buffer;
+  int64_t compressedSize = 0;
+  const int64_t storedBytes = readStoredCompressedGrain(work, compressedSize);
+  if (cipher_) codec_->decrypt(diskGrainIndex_, encrypted_.getData(), storedBytes, compressedSize, buffer);
+}
+
+int64_t CVMDKGrain::readStoredCompressedGrain(kx::TBuffer<unsigned char>& work, int64_t& compressedSize) {
   work.setUsed(kSectorSize);
   stream_->read(work.getData(), kSectorSize);
   const uint64_t lba = readLE64(work.getData());
-  const int64_t compressedSize = readLE32(work.getData() + 8);
+  compressedSize = readLE32(work.getData() + 8);
   if (compressedSize > 2 * grainSizeBytes_) {
     throw kx::CIOError(kx::IOERR_DAMAGED_DATA, "Error reading compressed data from VMDK. Invalid compressed grain size.",
                        uriProps()
@@ -273,15 +272,36 @@ void CVMDKGrain::readCompressedGrain(kx::TBuffer<unsigned char>& buffer) {
   if (storedBytes > kSectorSize) {
     stream_->read(work.getData() + kSectorSize, static_cast<int>(storedBytes - kSectorSize));
   }
-  if (!cipher_) return;
+  return storedBytes;
+}
 
-  makeGrainEncryptIV(grainIV_, baseIV_, diskGrainIndex_);
+bool CVMDKGrain::readStoredGrainData(kx::TBuffer<unsigned char>& buffer) {
+  buffer.setUsed(0);
+  checkOpen("readStoredGrainData");
+  if (posInGrain_ != 0) {
+    throw kx::CIOError(kx::IOERR_BEYOND_TARGET,
+                       "CVMDKGrain::readStoredGrainData can only be called when the position in the grain is 0.",
+                       uriProps().add("posInGrain", posInGrain_).add("diskGrainIndex", diskGrainIndex_));
+  }
+  flushChangesToStream();
+  posInGrain_ = grainSizeBytes_;
+  if (posSectors_ < 1) return false;
+  seekToSlot();
+  if (!compressed_) {
+    buffer.setUsed(static_cast<size_t>(grainSizeBytes_));
+    stream_->read(buffer.getData(), static_cast<int>(grainSizeBytes_));
+    return true;
+  }
+  int64_t compressedSize = 0;
+  readStoredCompressedGrain(buffer, compressedSize);
+  // Without the zeros that pad the slot's last sector: what a codec takes.
+  const int64_t dataBytes = cipher_ ? roundUp(compressedSize, cipherBlockSize_) : compressedSize;
   buffer.setUsed(static_cast<size_t>(dataBytes + kVMDKGrainHeaderSize));
-  std::memcpy(buffer.getData(), encrypted_.getData(), kVMDKGrainHeaderSize);
-  buffer.setUsed(kVMDKGrainHeaderSize);
-  cipher_->decryptData(key_, encrypted_.getData() + kVMDKGrainHeaderSize, static_cast<int>(dataBytes), buffer, true,
-                       grainIV_.getData());
-  buffer.setUsed(static_cast<size_t>(compressedSize + kVMDKGrainHeaderSize));
+  return true;
+}
+
+void CVMDKGrain::writeStoredGrainData(const kx::TBuffer<unsigned char>& data) {
+  writePreparedGrainDataImpl(sliceOf(data), false, true);
 }
 
 void CVMDKGrain::readPreparedGrainData(kx::TBuffer<unsigned char>& buffer) {
@@ -402,19 +422,20 @@ void CVMDKGrain::flushChangesToStream() {
   }
   kx::P<kx::TBuffer<unsigned char>> prepared =
       preparer_->prepareGrainData(&grainData_, diskGrainIndex_, &preparedData_);
-  writePreparedGrainDataInternal(sliceOf(*prepared), false);
+  writePreparedGrainDataInternal(sliceOf(*prepared), false, false);
   dirty_ = false;
 }
 
 void CVMDKGrain::writePreparedGrainData(const kx::TBuffer<unsigned char>& data) {
-  writePreparedGrainDataImpl(sliceOf(data), false);
+  writePreparedGrainDataImpl(sliceOf(data), false, false);
 }
 
 void CVMDKGrain::writePreparedGrainDataKeepBuffer(const kx::TConstBufferSlice<unsigned char>& data) {
-  writePreparedGrainDataImpl(data, true);
+  writePreparedGrainDataImpl(data, true, false);
 }
 
-void CVMDKGrain::writePreparedGrainDataImpl(const kx::TConstBufferSlice<unsigned char>& data, bool keepBuffer) {
+void CVMDKGrain::writePreparedGrainDataImpl(const kx::TConstBufferSlice<unsigned char>& data, bool keepBuffer,
+                                            bool stored) {
   if (access_ != kx::IIOStream::ACCESS_READ_WRITE) {
     throw kx::CError(
         "Internal error: CVMDKGrain::writePreparedGrainData was called, but the grain was not opened for writing.");
@@ -439,42 +460,25 @@ void CVMDKGrain::writePreparedGrainDataImpl(const kx::TConstBufferSlice<unsigned
   grainData_.setUsed(0);
   preparedData_.setUsed(0);
   dirty_ = false;
-  writePreparedGrainDataInternal(data, keepBuffer);
+  writePreparedGrainDataInternal(data, keepBuffer, stored);
   posInGrain_ = grainSizeBytes_;
 }
 
 void CVMDKGrain::encryptInto(const kx::TConstBufferSlice<unsigned char>& data) {
-  makeGrainEncryptIV(grainIV_, baseIV_, diskGrainIndex_);
-  const auto length = static_cast<int64_t>(data.getLength());
-  if (compressed_) {
-    encrypted_.assign(data.getData(), kVMDKGrainHeaderSize);
-    cipher_->encryptData(key_, data.getData() + kVMDKGrainHeaderSize, static_cast<int>(length - kVMDKGrainHeaderSize),
-                         encrypted_, true, grainIV_.getData());
-    return;
-  }
-  if (length < grainSizeBytes_) {
-    paddedPlain_.setUsed(static_cast<size_t>(grainSizeBytes_));
-    std::memcpy(paddedPlain_.getData(), data.getData(), static_cast<size_t>(length));
-    std::memset(paddedPlain_.getData() + length, 0, static_cast<size_t>(grainSizeBytes_ - length));
-    cipher_->encryptData(key_, paddedPlain_.getData(), static_cast<int>(grainSizeBytes_), encrypted_, false,
-                         grainIV_.getData());
-  } else {
-    cipher_->encryptData(key_, data.getData(), static_cast<int>(length), encrypted_, false, grainIV_.getData());
-  }
-  if (static_cast<int64_t>(encrypted_.getUsed()) != grainSizeBytes_) {
-    throw kx::CError(
-        "Internal error. Encrypted data in CVMDKGrain::writePreparedGrainDataInternal has an unexpected size.", "",
-        -1,
-        kx::CProps().add("originalSize", length).add("encryptedSize", static_cast<uint64_t>(encrypted_.getUsed())));
-  }
+  codec_->encrypt(diskGrainIndex_, data.getData(), static_cast<int64_t>(data.getLength()), encrypted_);
 }
 
-void CVMDKGrain::writePreparedGrainDataInternal(kx::TConstBufferSlice<unsigned char> data, bool keepBuffer) {
+void CVMDKGrain::writePreparedGrainDataInternal(kx::TConstBufferSlice<unsigned char> data, bool keepBuffer,
+                                                bool stored) {
   if (compressed_ && data.getLength() < static_cast<size_t>(kVMDKGrainHeaderSize)) {
     throw kx::CIOError(kx::IOERR_DAMAGED_DATA, "Prepared VMDK grain data is shorter than its header.",
                        uriProps().add("preparedDataSize", static_cast<uint64_t>(data.getLength())));
   }
-  if (cipher_) {
+  if (stored && cipher_ && !compressed_ && static_cast<int64_t>(data.getLength()) != grainSizeBytes_) {
+    throw kx::CIOError(kx::IOERR_DAMAGED_DATA, "Stored VMDK grain data of an encrypted plain grain must fill the grain.",
+                       uriProps().add("storedDataSize", static_cast<uint64_t>(data.getLength())));
+  }
+  if (cipher_ && !stored) {
     // The ciphertext lives in a buffer reused for the next grain: it is
     // written, never kept.
     encryptInto(data);

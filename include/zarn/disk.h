@@ -37,6 +37,7 @@
 #include "zarn/extent_file.h"
 #include "zarn/extent_info.h"
 #include "zarn/grain_table_cache.h"
+#include "zarn/grain_codec.h"
 #include "zarn/space_info.h"
 
 namespace zarn {
@@ -131,6 +132,21 @@ class CVMDKDisk : public kx::CBase {
   // disk and code 11 off a grain border.
   void readPreparedGrainData(kx::TBuffer<unsigned char>& data);
   void writePreparedGrainData(const kx::TBuffer<unsigned char>& data);
+  // A whole grain at the position (on a grain border) as this disk's slot
+  // stores it, ciphertext on an encrypted disk: true; false, with `data`
+  // empty, when this disk holds no slot for it (it comes from a parent or is
+  // zeros). Moves on one grain. With createGrainCodec, the cipher work of a
+  // copy can run on other threads than the disk's.
+  bool readStoredGrainData(kx::TBuffer<unsigned char>& data);
+  // Stores a whole grain given in this disk's stored form: prepared data (see
+  // CVMDKDataPreparer) that went through this disk's CVMDKGrainCodec when the
+  // disk is encrypted. Write access and a grain border needed, as for
+  // writePreparedGrainData.
+  void writeStoredGrainData(const kx::TBuffer<unsigned char>& data);
+  // A codec with the key of this encrypted disk and a cipher of its own, for
+  // use on any one thread; null for a disk without encryption, whose stored
+  // form is its prepared form.
+  kx::P<CVMDKGrainCodec> createGrainCodec() const;
   // Copies disk grain `grainIndex` from the parent into this disk if it
   // doesn't hold it; see CVMDKGrain::makeIndependentOfParent for the result.
   int64_t makeGrainIndependentOfParent(int64_t grainIndex);

@@ -43,6 +43,13 @@ class IVMDKExtentFile : public virtual kx::IBase {
   // border; moves on one grain.
   virtual void writePreparedGrainData(const kx::TBuffer<unsigned char>& data) = 0;
   virtual void readPreparedGrainData(kx::TBuffer<unsigned char>& data) = 0;
+  // One whole grain as its slot stores it (see CVMDKGrain), at a grain border:
+  // true; false, with `data` empty, when this extent has no slot for it (its
+  // bytes come from the provider or are zeros). Moves on one grain.
+  virtual bool readStoredGrainData(kx::TBuffer<unsigned char>& data) = 0;
+  // Stores one whole grain given in this extent's stored form (encrypted with
+  // a CVMDKGrainCodec of the disk, if the disk is encrypted).
+  virtual void writeStoredGrainData(const kx::TBuffer<unsigned char>& data) = 0;
   // Copies grain `grainIndex` from the fallback provider into this extent;
   // returns the bytes dealt with (see CVMDKGrain::makeIndependentOfParent).
   virtual int64_t makeGrainIndependentOfParent(int64_t grainIndex) = 0;

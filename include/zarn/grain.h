@@ -47,6 +47,8 @@
 
 namespace zarn {
 
+class CVMDKGrainCodec;
+
 class CVMDKGrain : public kx::CBase {
  public:
   // Starts closed. `key` and `baseIV` are copied; references are taken on
@@ -114,6 +116,16 @@ class CVMDKGrain : public kx::CBase {
   // of the prepared data copied. Position 0 only.
   int64_t makeIndependentOfParent();
 
+  // The whole grain as its slot stores it (ciphertext on an encrypted
+  // extent; a compressed grain's header and data without the zeros of its
+  // last sector): true; false with `buffer` empty for a grain without a slot.
+  // Position 0 only (else kx::CIOError code 3); stores pending changes first;
+  // ends at the grain's end. Damage is refused as by read.
+  bool readStoredGrainData(kx::TBuffer<unsigned char>& buffer);
+  // Stores `data`, already in this extent's stored form (see CVMDKGrainCodec),
+  // as the whole grain, slot decided as for prepared data. Position 0 only.
+  void writeStoredGrainData(const kx::TBuffer<unsigned char>& data);
+
   // Written here, or (without a slot) in a disk behind the provider.
   bool isGrainWritten();
   // Written here; the provider isn't asked.
@@ -133,8 +145,12 @@ class CVMDKGrain : public kx::CBase {
   void readCompressedGrain(kx::TBuffer<unsigned char>& buffer);
   void readUncompressedGrain(kx::TBuffer<unsigned char>& buffer);
   void initZeroGrainData(int64_t grainIndex);
-  void writePreparedGrainDataImpl(const kx::TConstBufferSlice<unsigned char>& data, bool keepBuffer);
-  void writePreparedGrainDataInternal(kx::TConstBufferSlice<unsigned char> data, bool keepBuffer);
+  // `stored`: the data is in the stored form already, no cipher work is due.
+  void writePreparedGrainDataImpl(const kx::TConstBufferSlice<unsigned char>& data, bool keepBuffer, bool stored);
+  void writePreparedGrainDataInternal(kx::TConstBufferSlice<unsigned char> data, bool keepBuffer, bool stored);
+  // Reads a compressed grain's stored form, whole sectors, into `work`;
+  // returns its bytes and sets the header's compressed size.
+  int64_t readStoredCompressedGrain(kx::TBuffer<unsigned char>& work, int64_t& compressedSize);
 
  private:
   kx::CProps uriProps() const;
@@ -176,11 +192,9 @@ class CVMDKGrain : public kx::CBase {
   kx::P<kx::TBuffer<unsigned char>> preparedZeroGrain_;
   kx::TBuffer<unsigned char> parentPrepared_;
   kx::P<brix::ICipher> cipher_;
+  kx::P<CVMDKGrainCodec> codec_;  // with a cipher
   int32_t cipherBlockSize_ = 0;
-  kx::TCryptBuffer<unsigned char> key_;
-  kx::TBuffer<unsigned char> baseIV_;
   kx::TBuffer<unsigned char> encrypted_;
-  kx::TBuffer<unsigned char> grainIV_;
   kx::TBuffer<unsigned char> paddedPlain_;
 };
 

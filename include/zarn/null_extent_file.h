@@ -34,6 +34,10 @@ class CVMDKNullExtentFile : public kx::CBase, public IVMDKExtentFile {
   void writePreparedGrainData(const kx::TBuffer<unsigned char>& data) override;
   // The provider's prepared grain, or a prepared zero grain (compressed once).
   void readPreparedGrainData(kx::TBuffer<unsigned char>& data) override;
+  // Nothing is stored here: false, and the position moves on.
+  bool readStoredGrainData(kx::TBuffer<unsigned char>& data) override;
+  // An internal error, as every write.
+  void writeStoredGrainData(const kx::TBuffer<unsigned char>& data) override;
   int64_t makeGrainIndependentOfParent(int64_t grainIndex) override;
   bool isGrainWritten() override;
   bool isGrainWrittenAndIndependentOfParent() override { return false; }

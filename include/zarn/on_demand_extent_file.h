@@ -44,6 +44,8 @@ class CVMDKOnDemandExtentFile : public kx::CBase, public IVMDKExtentFile {
   kx::P<CVMDKDataPreparer> createDataPreparer() override { return inner_->createDataPreparer(); }
   void writePreparedGrainData(const kx::TBuffer<unsigned char>& data) override;
   void readPreparedGrainData(kx::TBuffer<unsigned char>& data) override { inner_->readPreparedGrainData(data); }
+  bool readStoredGrainData(kx::TBuffer<unsigned char>& data) override { return inner_->readStoredGrainData(data); }
+  void writeStoredGrainData(const kx::TBuffer<unsigned char>& data) override;
   int64_t makeGrainIndependentOfParent(int64_t grainIndex) override;
   bool isGrainWritten() override { return inner_->isGrainWritten(); }
   bool isGrainWrittenAndIndependentOfParent() override { return inner_->isGrainWrittenAndIndependentOfParent(); }

@@ -77,6 +77,8 @@ class CVMDKSparseExtentFile : public kx::CBase, public IVMDKExtentFile {
   // Raise kx::CIOError code 3 beyond the extent and code 11 off a grain border.
   void writePreparedGrainData(const kx::TBuffer<unsigned char>& data) override;
   void readPreparedGrainData(kx::TBuffer<unsigned char>& data) override;
+  bool readStoredGrainData(kx::TBuffer<unsigned char>& data) override;
+  void writeStoredGrainData(const kx::TBuffer<unsigned char>& data) override;
   int64_t makeGrainIndependentOfParent(int64_t grainIndex) override;
   bool isGrainWritten() override;
   bool isGrainWrittenAndIndependentOfParent() override;

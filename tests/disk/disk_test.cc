@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <functional>
+#include <thread>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,7 @@
 #include "tests/support/file_bytes.h"
 #include "tests/support/grain_data.h"
 #include "tests/support/temp_dir.h"
+#include "zarn/data_preparer.h"
 #include "zarn/descriptor_accessor.h"
 #include "zarn/low_level_file_stream.h"
 
@@ -255,6 +257,55 @@ TEST_F(DiskTest, ACopiedSingleFileDiskReadsAndWritesItself) {
         ->getExtentEntries(extents);
     ASSERT_EQ(extents.size(), 1u);
     EXPECT_EQ(extents[0]->getFilename(), "copy.vmdk");
+  }
+}
+
+// A copy between encrypted disks by stored forms: the source's grains are
+// decrypted and the target's encrypted by codecs of their own, on another
+// thread than the disks', and the target reads as the source.
+TEST_F(DiskTest, StoredGrainsCopyBetweenDisksThroughCodecsOnOtherThreads) {
+  for (bool compressed : {false, true}) {
+    SCOPED_TRACE(compressed);
+    const kx::CURI target(kx::String("file:///vms/target.vmdk"));
+    auto source = zarn::CVMDKDisk::create(fs_.get(), uri_, 24 * kMiB, "one", compressed, -1, -1, "", 0xFFFFFFFF, false);
+    auto copy = zarn::CVMDKDisk::create(fs_.get(), target, 24 * kMiB, "two", compressed, -1, -1, "", 0xFFFFFFFF, false);
+    const Bytes text = test::textGrain(65536, 4), noise = test::noiseGrain(65536, 5);
+    source->seek(0);
+    source->write(text.data(), 65536);
+    source->write(noise.data(), 65536);
+    kx::P<zarn::CVMDKGrainCodec> decoder = source->createGrainCodec(), encoder = copy->createGrainCodec();
+    ASSERT_TRUE(decoder && encoder);
+    kx::TBuffer<unsigned char> stored, prepared, restored;
+    for (int64_t g = 0; g < 3; ++g) {
+      source->seek(g * 65536);
+      const bool held = source->readStoredGrainData(stored);
+      EXPECT_EQ(held, g < 2);
+      if (!held) {
+        EXPECT_TRUE(stored.isEmpty());
+        continue;
+      }
+      std::thread([&] {
+        int64_t size = 0;
+        if (compressed) size = test::le32(Bytes(stored.getData(), stored.getData() + 12), 8);
+        decoder->decrypt(g, stored.getData(), static_cast<int64_t>(stored.getUsed()), size, prepared);
+        encoder->encrypt(g, prepared.getData(), static_cast<int64_t>(prepared.getUsed()), restored);
+      }).join();
+      copy->seek(g * 65536);
+      copy->writeStoredGrainData(restored);
+    }
+    Bytes back(2 * 65536);
+    copy->seek(0);
+    copy->read(back.data(), static_cast<int>(back.size()));
+    EXPECT_TRUE(std::equal(text.begin(), text.end(), back.begin()));
+    EXPECT_TRUE(std::equal(noise.begin(), noise.end(), back.begin() + 65536));
+    EXPECT_FALSE(zarn::CVMDKDisk::create(fs_.get(), kx::CURI(kx::String("file:///vms/clear.vmdk")), 24 * kMiB, "",
+                                         compressed, -1, -1, "", 0xFFFFFFFF, false)
+                     ->createGrainCodec());
+    if (!compressed) {
+      restored.setUsed(100);
+      copy->seek(0);
+      EXPECT_EQ(test::ioErrorCode([&] { copy->writeStoredGrainData(restored); }), 5);
+    }
   }
 }
 
