@@ -25,19 +25,27 @@ using BufferP = kx::P<Buffer>;
 constexpr int kGrainsPerThread = 8;
 constexpr int64_t kRawGrainBytes = 64 * 1024;
 
+uint32_t readLE32(const unsigned char* bytes) {
+  return uint32_t{bytes[0]} | uint32_t{bytes[1]} << 8 | uint32_t{bytes[2]} << 16 | uint32_t{bytes[3]} << 24;
+}
+
 bool isAllZero(const unsigned char* data, size_t size) {
   return size == 0 || (data[0] == 0 && std::memcmp(data, data + 1, size - 1) == 0);
 }
 
 // One grain on its way. The buffers stay with the slot from batch to batch.
 struct CSlot {
-  enum Kind { kAbsent, kPlain, kPrepared, kMoved };
+  // kStored: the source's stored form, ciphertext, in `input`.
+  enum Kind { kAbsent, kPlain, kPrepared, kMoved, kStored };
   int64_t position = 0;
   int length = 0;
   Kind kind = kAbsent;
   BufferP input = kx::create<Buffer>();
   BufferP unpackAux = kx::create<Buffer>();
   BufferP packAux = kx::create<Buffer>();
+  BufferP clear = kx::create<Buffer>();   // a stored grain, decrypted: prepared
+  BufferP sealed = kx::create<Buffer>();  // the target's stored form, when it is encrypted
+  bool isSealed = false;
   BufferP plain;   // the grain's bytes (input or unpackAux); null when absent or staged
   BufferP packed;  // the target's prepared form, or null
   bool zero = false;
@@ -63,6 +71,9 @@ class CConverter {
     for (int i = 0; i < threads; ++i) {
       sourcePreparers_.push_back(unpack_ ? source->createDataPreparer() : nullptr);
       targetPreparers_.push_back(pack_ ? target->createDataPreparer() : nullptr);
+      // The cipher work of encrypted disks runs on the threads too.
+      sourceCodecs_.push_back(source ? source->createGrainCodec() : nullptr);
+      targetCodecs_.push_back(target ? target->createGrainCodec() : nullptr);
     }
     zeros_.resize(static_cast<size_t>(grainBytes_));
     compare_.resize(static_cast<size_t>(grainBytes_));
@@ -152,7 +163,10 @@ class CConverter {
       source->seek(position);
       if (!source->isGrainWritten()) {
         slot.kind = CSlot::kAbsent;
+      } else if (sourceCodecs_[0] && whole && source->readStoredGrainData(*slot.input)) {
+        slot.kind = CSlot::kStored;
       } else if ((move_ || unpack_) && whole) {
+        source->seek(position);
         source->readPreparedGrainData(*slot.input);
         slot.kind = move_ ? CSlot::kMoved : CSlot::kPrepared;
       } else {
@@ -182,8 +196,22 @@ class CConverter {
   // On a worker: no disk is touched here, only the slot and the worker's own
   // preparers.
   void prepareSlot(CSlot& slot, int worker) {
+    slot.isSealed = false;
+    const int64_t index = slot.position / grainBytes_;
+    if (slot.kind == CSlot::kStored) {
+      // Decrypted, a stored grain is prepared data like any other.
+      int64_t compressedSize = 0;
+      if (ends_.sourceDisk->getCompressed()) compressedSize = readLE32(slot.input->getData() + 8);
+      sourceCodecs_[worker]->decrypt(index, slot.input->getData(), static_cast<int64_t>(slot.input->getUsed()),
+                                     compressedSize, *slot.clear);
+      std::swap(slot.input, slot.clear);
+      slot.kind = move_ ? CSlot::kMoved : ends_.sourceDisk->getCompressed() ? CSlot::kPrepared : CSlot::kPlain;
+    }
     if (slot.kind == CSlot::kAbsent || slot.kind == CSlot::kMoved) {
       slot.zero = slot.kind == CSlot::kAbsent;
+      if (slot.kind == CSlot::kMoved) {
+        seal(slot, worker, slot.input->getData(), static_cast<int64_t>(slot.input->getUsed()));
+      }
       return;
     }
     if (!slot.staged) {
@@ -193,9 +221,23 @@ class CConverter {
     }
     slot.zero = isAllZero(slot.data(), static_cast<size_t>(slot.length));
     if (!slot.zero && pack_) {
-      slot.packed = targetPreparers_[worker]->prepareGrainData(slot.plain.get(), slot.position / grainBytes_,
-                                                               slot.packAux.get());
+      slot.packed = targetPreparers_[worker]->prepareGrainData(slot.plain.get(), index, slot.packAux.get());
     }
+    if (!slot.zero && !slot.staged && targetCodecs_[worker]) {
+      if (slot.packed) {
+        seal(slot, worker, slot.packed->getData(), static_cast<int64_t>(slot.packed->getUsed()));
+      } else if (!ends_.targetDisk->getCompressed()) {
+        seal(slot, worker, slot.plain->getData(), slot.length);
+      }
+    }
+  }
+
+  // The target's stored form of `bytes` of prepared data, by this worker's
+  // codec of an encrypted target.
+  void seal(CSlot& slot, int worker, const unsigned char* prepared, int64_t bytes) {
+    if (!targetCodecs_[worker]) return;
+    targetCodecs_[worker]->encrypt(slot.position / grainBytes_, prepared, bytes, *slot.sealed);
+    slot.isSealed = true;
   }
 
   void writeBatch(std::vector<CSlot>& batch, size_t count, CProgress& progress) {
@@ -230,7 +272,11 @@ class CConverter {
     zarn::CVMDKDisk* target = ends_.targetDisk.get();
     if (slot.kind == CSlot::kMoved) {
       target->seek(slot.position);
-      target->writePreparedGrainData(*slot.input);
+      if (slot.isSealed) {
+        target->writeStoredGrainData(*slot.sealed);
+      } else {
+        target->writePreparedGrainData(*slot.input);
+      }
       ++result_.grainsWritten;
       ++result_.grainsMoved;
       result_.bytesWritten += slot.length;
@@ -260,7 +306,9 @@ class CConverter {
     }
     if (target) {
       target->seek(slot.position);
-      if (slot.packed) {
+      if (slot.isSealed) {
+        target->writeStoredGrainData(*slot.sealed);
+      } else if (slot.packed) {
         target->writePreparedGrainData(*slot.packed);
       } else {
         target->write(data, slot.length);
@@ -281,6 +329,8 @@ class CConverter {
   bool pack_;
   std::vector<kx::P<zarn::CVMDKDataPreparer>> sourcePreparers_;
   std::vector<kx::P<zarn::CVMDKDataPreparer>> targetPreparers_;
+  std::vector<kx::P<zarn::CVMDKGrainCodec>> sourceCodecs_;
+  std::vector<kx::P<zarn::CVMDKGrainCodec>> targetCodecs_;
   std::vector<unsigned char> zeros_;
   std::vector<unsigned char> compare_;
   CConvertResult& result_;
