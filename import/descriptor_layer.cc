@@ -4,7 +4,6 @@
 #include <limits>
 #include <string>
 
-#include "dfm/miniz_compressor.h"
 #include "import/flat_extent.h"
 #include "import/sparse_extent.h"
 #include "kx/error.h"
@@ -60,11 +59,15 @@ std::vector<std::string> splitWords(const std::string& line) {
 
 }  // namespace
 
-CVMDKForeignDescriptorLayer::CVMDKForeignDescriptorLayer(kx::IFileSystem* fileSystem, const kx::CURI& mainFile)
+CVMDKForeignDescriptorLayer::CVMDKForeignDescriptorLayer(kx::IFileSystem* fileSystem, const kx::CURI& mainFile,
+                                                         kx::ISimpleCompressor* decompressor)
     : fileSystem_(kx::P<kx::IFileSystem>::share(fileSystem)),
       mainURI_(mainFile.toNormalized()),
+      decompressor_(kx::P<kx::ISimpleCompressor>::share(decompressor)),
       extents_(kOpenExtentLimit) {
-  if (!fileSystem_) throw kx::CError("Internal error: CVMDKForeignDescriptorLayer needs a file system.");
+  if (!fileSystem_ || !decompressor_) {
+    throw kx::CError("Internal error: CVMDKForeignDescriptorLayer needs a file system and a decompressor.");
+  }
   const kx::CURI lockURI = mainFile.getParent() << (mainFile.getName() + ".lock");
   try {
     lockFile_ = kx::create<kx::CLockFile>(fileSystem, lockURI, 1, false, true);
@@ -95,7 +98,6 @@ CVMDKForeignDescriptorLayer::CVMDKForeignDescriptorLayer(kx::IFileSystem* fileSy
   if (type->flat) addReason(reason_, kReasonFlat);
   readExtentLines();
 
-  decompressor_ = kx::create<dfm::CMiniZCompressor>(-1);
   for (size_t i = 0; i < lines_.size(); ++i) {
     if (lines_[i].kind != ExtentKind::Sparse) continue;
     const auto extent = getExtent(i);

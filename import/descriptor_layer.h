@@ -48,8 +48,11 @@ class CVMDKForeignDescriptorLayer : public kx::CBase, public IVMDKForeignLayer {
   // Takes a shared lock on "<name>.lock" as a reading CVMDKDisk does, reads
   // the descriptor of `mainFile`, checks create type and extent lines, and
   // opens the first sparse extent to learn grain size and compression.
+  // `decompressor` unpacks compressed grains; it is kept, may be shared with
+  // other layers of one chain (one thread at a time) and must not be null.
   // Raises as CVMDKForeignDisk's constructor says.
-  CVMDKForeignDescriptorLayer(kx::IFileSystem* fileSystem, const kx::CURI& mainFile);
+  CVMDKForeignDescriptorLayer(kx::IFileSystem* fileSystem, const kx::CURI& mainFile,
+                              kx::ISimpleCompressor* decompressor);
   ~CVMDKForeignDescriptorLayer() override;
   CVMDKForeignDescriptorLayer(const CVMDKForeignDescriptorLayer&) = delete;
   CVMDKForeignDescriptorLayer& operator=(const CVMDKForeignDescriptorLayer&) = delete;

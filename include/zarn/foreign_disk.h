@@ -27,13 +27,12 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
 
 #include "kx/base.h"
 #include "kx/buffer.h"
 #include "kx/containers.h"
 #include "kx/file_system.h"
-#include "kx/lock_file.h"
+#include "kx/simple_compressor.h"
 #include "kx/string.h"
 #include "kx/uri.h"
 #include "zarn/data_preparer.h"
@@ -154,6 +153,7 @@ class CVMDKForeignDisk : public kx::CBase, public IDisk {
   kx::P<kx::IFileSystem> fileSystem_;
   kx::CURI mainURI_;
   kx::String password_;
+  kx::P<kx::ISimpleCompressor> decompressor_;  // shared by the foreign disks of the chain
   kx::P<CVMDKForeignDescriptorLayer> ownLayer_;
   kx::TArray<kx::P<IVMDKForeignLayer>> layers_;  // [0] is ownLayer_, then the parents opened so far
   bool chainComplete_ = false;
