@@ -98,23 +98,25 @@ CVMDKForeignDescriptorLayer::CVMDKForeignDescriptorLayer(kx::IFileSystem* fileSy
   if (type->flat) addReason(reason_, kReasonFlat);
   readExtentLines();
 
-  for (size_t i = 0; i < lines_.size(); ++i) {
-    if (lines_[i].kind != ExtentKind::Sparse) continue;
-    const auto extent = getExtent(i);
-    const auto* sparse = dynamic_cast<const CVMDKForeignSparseExtent*>(extent.get());
-    grainSizeSectors_ = sparse->getGrainSizeSectors();
-    compressed_ = sparse->getCompressed();
-    const uint32_t flags = sparse->getHeader().getFlags();
-    if (compressed_ != ((flags & CVMDKSparseExtentHeader::kFlagHasMarkers) != 0)) addReason(reason_, kReasonFlags);
-    if (!compressed_ && (flags & kFlagZeroedGrainEntries) != 0) addReason(reason_, kReasonZeroed);
-    if (compressed_) {
-      const CVMDKForeignGrainMap& map = sparse->getGrainMap();
-      if (map.getSource() != CVMDKForeignGrainMap::Source::HeaderDirectory || !map.hasSlotDirectory()) {
-        addReason(reason_, kReasonStream);
-      }
-      if (map.getSource() == CVMDKForeignGrainMap::Source::MarkerScan) addReason(reason_, kReasonScanned);
+  if (!firstSparse_) return;
+  // An empty line holds no byte, but its file still tells what the disk is.
+  kx::P<IVMDKForeignExtent> extent = firstSparseIndex_ >= 0
+                                         ? getExtent(static_cast<size_t>(firstSparseIndex_))
+                                         : kx::create<CVMDKForeignSparseExtent>(fileSystem_.get(), firstSparse_->uri, 0,
+                                                                                firstSparse_->startSector,
+                                                                                decompressor_.get());
+  const auto* sparse = dynamic_cast<const CVMDKForeignSparseExtent*>(extent.get());
+  grainSizeSectors_ = sparse->getGrainSizeSectors();
+  compressed_ = sparse->getCompressed();
+  const uint32_t flags = sparse->getHeader().getFlags();
+  if (compressed_ != ((flags & CVMDKSparseExtentHeader::kFlagHasMarkers) != 0)) addReason(reason_, kReasonFlags);
+  if (!compressed_ && (flags & kFlagZeroedGrainEntries) != 0) addReason(reason_, kReasonZeroed);
+  if (compressed_) {
+    const CVMDKForeignGrainMap& map = sparse->getGrainMap();
+    if (map.getSource() != CVMDKForeignGrainMap::Source::HeaderDirectory || !map.hasSlotDirectory()) {
+      addReason(reason_, kReasonStream);
     }
-    break;
+    if (map.getSource() == CVMDKForeignGrainMap::Source::MarkerScan) addReason(reason_, kReasonScanned);
   }
 }
 
@@ -152,8 +154,9 @@ void CVMDKForeignDescriptorLayer::readExtentLines() {
     }
     addExtentLine("ZERO", sectors, kx::String(), -1, runningSectors);
   }
+  // A disk of 0 bytes has no extent lines, or lines of 0 sectors; other
+  // tools make such disks, and they read as what they are.
   sizeSectors_ = runningSectors;
-  if (lines_.empty()) throw kx::CIOError(kx::IOERR_DAMAGED_DATA, "VMDK disk has no extents.", uriProps());
 }
 
 void CVMDKForeignDescriptorLayer::addExtentLine(const kx::String& type, int64_t sectors, const kx::String& fileName,
@@ -192,6 +195,10 @@ void CVMDKForeignDescriptorLayer::addExtentLine(const kx::String& type, int64_t 
     files_.push_back(line.uri);
   }
   runningSectors += sectors;
+  if (line.kind == ExtentKind::Sparse && !firstSparse_) {
+    firstSparse_ = line;
+    firstSparseIndex_ = sectors > 0 ? static_cast<int64_t>(lines_.size()) : -1;
+  }
   // An empty range holds no byte and would hide its neighbour in the search.
   if (sectors > 0) lines_.push_back(line);
 }

@@ -11,6 +11,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 #include "import/foreign_extent.h"
@@ -88,6 +89,8 @@ class CVMDKForeignDescriptorLayer : public kx::CBase, public IVMDKForeignLayer {
   kx::P<CVMDKDescriptor> descriptor_;
   kx::String createType_;
   std::vector<CExtentLine> lines_;  // lines with at least one sector, by start
+  std::optional<CExtentLine> firstSparse_;
+  int64_t firstSparseIndex_ = -1;  // in lines_
   kx::TArray<kx::CURI> files_;
   int64_t sizeSectors_ = 0;
   int64_t grainSizeSectors_ = kFlatGrainSizeSectors;

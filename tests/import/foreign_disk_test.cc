@@ -120,7 +120,6 @@ TEST_F(ForeignDiskTest, DescriptorThatCantBeReadIsRefused) {
       {"unknown create type", descriptor("vmfsSparse", flat), 5},
       {"no create type", "# Disk DescriptorFile\nCID=1\n" + flat + "\n", 5},
       {"unknown extent type", descriptor("vmfs", "RW 128 VMFSSPARSE \"a.raw\""), 5},
-      {"no extents", descriptor("monolithicFlat", ""), 5},
       {"extents beyond any disk", descriptor("monolithicFlat", "RW 9223372036854775000 FLAT \"a.raw\" 0"), 5},
       {"extents that add up beyond any disk",
        descriptor("monolithicFlat", "RW 10000000000000000 FLAT \"a.raw\" 0\nRW 10000000000000000 ZERO"), 5},
@@ -137,6 +136,25 @@ TEST_F(ForeignDiskTest, DescriptorThatCantBeReadIsRefused) {
     const kx::CIOError error = test::caught([&] { open("d.vmdk"); }, kx::CIOError(0, ""));
     EXPECT_EQ(error.getCode(), c.code) << error.what();
     EXPECT_FALSE(error.getProps().get("uri").isEmpty()) << error.what();
+  }
+}
+
+// Other tools write a disk of 0 bytes with no extent lines, or with lines of
+// no sectors; the first sparse one still tells grain size and compression.
+TEST_F(ForeignDiskTest, EmptyDisksOpen) {
+  put("e.vmdk", test::makeStreamOptimizedImage(Bytes()).bytes);
+  for (const std::string& text :
+       {descriptor("monolithicFlat", ""), descriptor("twoGbMaxExtentSparse", "RW 0 ZERO\nRW 0 SPARSE \"e.vmdk\"")}) {
+    SCOPED_TRACE(text);
+    putText("d.vmdk", text);
+    auto disk = open("d.vmdk");
+    EXPECT_EQ(disk->getSizeBytes(), 0);
+    EXPECT_EQ(disk->getCompressed(), text.find("SPARSE") != std::string::npos);
+    Bytes none;
+    disk->read(none.data(), 0);
+    EXPECT_FALSE(disk->isGrainWritten());
+    kx::TBuffer<unsigned char> data;
+    EXPECT_EQ(test::ioErrorCode([&] { disk->readPreparedGrainData(data); }), 3);
   }
 }
 

@@ -162,8 +162,10 @@ TEST_F(GrainMapTest, ScanTakesTheLastMarkerOfAGrain) {
   options.footer = false;
   options.rewrites = {{1, test::textGrain(kGrainBytes, 99)}, {4, Bytes(kGrainBytes, 0x44)}};
   const test::CForeignImage image = test::makeStreamOptimizedImage(raw_, options);
+  test::CLogCapture log;
   auto map = open(image.bytes);
   ASSERT_EQ(map->getSource(), Source::MarkerScan);
+  EXPECT_EQ(log.count(kx::LogLevel::Warning), 1u);
   EXPECT_EQ(entries(*map), image.grainSectors);
   // The rewrites follow the last grain's first version.
   EXPECT_GT(map->getEntry(1), image.grainSectors[49]);
