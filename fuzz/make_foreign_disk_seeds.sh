@@ -11,10 +11,10 @@ trap 'rm -rf "$work"' EXIT
 cd "$work"
 printf 'zarn keeps this across a grain border %.0s' {1..40} > text
 python3 - <<'PY'
-data = bytearray(256 * 1024)
+data = bytearray(128 * 1024)
 text = open('text', 'rb').read()
 data[65000:65000 + len(text)] = text
-data[200000:200300] = bytes(range(256)) + bytes(44)
+data[100000:100300] = bytes(range(256)) + bytes(44)
 open('model.raw', 'wb').write(data)
 PY
 
@@ -29,7 +29,7 @@ make_disk split-flat "qemu-img convert -f raw -O vmdk -o subformat=twoGbMaxExten
 make_disk zeroed "qemu-img convert -f raw -O vmdk -o subformat=monolithicSparse,zeroed_grain=on ../model.raw disk.vmdk &&
   qemu-io -c 'write -z 64k 64k' disk.vmdk"
 make_disk child "qemu-img convert -f raw -O vmdk -o subformat=streamOptimized ../model.raw base.vmdk &&
-  qemu-img create -f vmdk -b base.vmdk -F vmdk disk.vmdk && qemu-io -c 'write -P 0x5a 130000 1000' disk.vmdk"
+  qemu-img create -f vmdk -b base.vmdk -F vmdk disk.vmdk && qemu-io -c 'write -P 0x5a 70000 1000' disk.vmdk"
 # The stream's grains where they are, its tables and directory moved behind
 # them with their markers, the header saying "at the end", and a footer.
 mkdir stream-footer

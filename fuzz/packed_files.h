@@ -42,9 +42,11 @@ struct CReader {
   }
 };
 
-// The files of the input, in the memory file system under file:///d/; the
-// main file's URI, or an empty one when there is none.
-inline kx::CURI unpackFiles(const uint8_t* data, size_t size, kx::CMemoryFileSystem& fs) {
+// The files of the input, in the memory file system under file:///d/, each
+// cut at `maxFileBytes`; the main file's URI, or an empty one when there is
+// none.
+inline kx::CURI unpackFiles(const uint8_t* data, size_t size, kx::CMemoryFileSystem& fs,
+                            uint32_t maxFileBytes = kMaxFileBytes) {
   CReader in{data, size};
   kx::CURI main;
   for (int files = 0; files < kMaxFiles && in.at < size; ++files) {
@@ -54,7 +56,7 @@ inline kx::CURI unpackFiles(const uint8_t* data, size_t size, kx::CMemoryFileSys
     uint32_t length = 0;
     uint16_t pieces = 0;
     if (name.empty() || name.find('/') != std::string::npos || !in.le(length) || !in.le(pieces)) break;
-    std::vector<unsigned char> bytes(std::min(length, kMaxFileBytes), 0);
+    std::vector<unsigned char> bytes(std::min(length, maxFileBytes), 0);
     for (uint16_t p = 0; p < pieces; ++p) {
       uint32_t offset = 0;
       uint16_t count = 0;

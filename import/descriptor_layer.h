@@ -16,6 +16,7 @@
 
 #include "import/foreign_extent.h"
 #include "import/foreign_layer.h"
+#include "import/grain_map.h"
 #include "kx/base.h"
 #include "kx/containers.h"
 #include "kx/file_system.h"
@@ -34,6 +35,8 @@ class CVMDKForeignDescriptorLayer : public kx::CBase, public IVMDKForeignLayer {
   // Extent files held open at a time; the others are opened again when the
   // position comes back to them.
   static constexpr int32_t kOpenExtentLimit = 4;
+  // Grain maps kept for files that may be named again, in later lines.
+  static constexpr int32_t kGrainMapLimit = 16;
   // The grain size reported for a disk without sparse extents.
   static constexpr int64_t kFlatGrainSizeSectors = 128;
 
@@ -98,6 +101,7 @@ class CVMDKForeignDescriptorLayer : public kx::CBase, public IVMDKForeignLayer {
   kx::String reason_;
   kx::P<kx::ISimpleCompressor> decompressor_;
   kx::TMostRecentlyUsedCache<size_t, IVMDKForeignExtent> extents_;
+  kx::P<CVMDKForeignGrainMapCache> grainMaps_;
 };
 
 }  // namespace zarn

@@ -1,9 +1,9 @@
 // Flat and zero extents of a foreign disk.
 //
-// A flat extent ("FLAT", or "VMFS" on the other tool's own file system) is a
-// raw file whose bytes from a sector offset on are the extent's bytes, all of
-// them written. A zero extent ("ZERO") has no file and reads as zeros that
-// hide a parent's bytes.
+// A flat extent ("FLAT", or "VMFS", its name on another file system) is a raw
+// file whose bytes from a sector offset on are the extent's bytes, all of them
+// written. A zero extent ("ZERO") has no file and reads as zeros that hide a
+// parent's bytes.
 #pragma once
 
 #include <cstdint>

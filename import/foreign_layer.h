@@ -23,7 +23,9 @@ enum class VMDKForeignGrainState {
 // Reference counted. One thread at a time.
 class IVMDKForeignLayer : public virtual kx::IBase {
  public:
+  // The disk's main file, normalized; links of a chain compare by it.
   virtual kx::CURI getMainFileURI() const = 0;
+  // The disk's size in bytes; positions below it may be asked.
   virtual int64_t getSizeBytes() const = 0;
   // The layer's descriptor; never null.
   virtual kx::P<CVMDKDescriptor> getDescriptor() const = 0;

@@ -16,6 +16,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -96,5 +97,9 @@ class CVMDKForeignGrainMap : public kx::CBase {
   std::vector<std::pair<int64_t, uint64_t>> scanned_;
   bool hasSlotDirectory_ = false;
 };
+
+// Grain maps by the normalized text of their file's URI, so that extent lines
+// that name one file many times find its directory, or scan it, once.
+using CVMDKForeignGrainMapCache = kx::TMostRecentlyUsedCache<std::string, CVMDKForeignGrainMap>;
 
 }  // namespace zarn

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <limits>
+#include <string>
 
 #include "kx/data_stream.h"
 #include "zarn/format_constants.h"
@@ -19,7 +20,8 @@ bool isAllZero(const unsigned char* data, size_t size) {
 
 CVMDKForeignSparseExtent::CVMDKForeignSparseExtent(kx::IFileSystem* fileSystem, const kx::CURI& uri,
                                                    int64_t lineSectors, int64_t diskStartSector,
-                                                   kx::ISimpleCompressor* decompressor)
+                                                   kx::ISimpleCompressor* decompressor,
+                                                   CVMDKForeignGrainMapCache* maps)
     : uri_(uri), decompressor_(kx::P<kx::ISimpleCompressor>::share(decompressor)) {
   if (!decompressor_) throw kx::CError("Internal error: CVMDKForeignSparseExtent needs a decompressor.");
   stream_ = openVMDKFileStream(fileSystem, uri, kx::IIOStream::ACCESS_READ);
@@ -30,7 +32,12 @@ CVMDKForeignSparseExtent::CVMDKForeignSparseExtent(kx::IFileSystem* fileSystem, 
     header_.load(in);
     checkHeader(lineSectors);
     startGrainIndex_ = (diskStartSector + grainSizeSectors_ - 1) / grainSizeSectors_;
-    map_ = kx::create<CVMDKForeignGrainMap>(stream_.get(), header_, compressed_);
+    const std::string key = uri_.toNormalized().toString().toUTF8();
+    if (maps) map_ = maps->get(key);
+    if (!map_) {
+      map_ = kx::create<CVMDKForeignGrainMap>(stream_.get(), header_, compressed_);
+      if (maps) maps->set(key, map_);
+    }
   } catch (kx::CError& error) {
     if (!error.getProps().has("uri")) error.getParams().add("uri", uri_.toString(true));
     throw;

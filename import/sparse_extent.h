@@ -40,12 +40,15 @@ class CVMDKForeignSparseExtent : public kx::CBase, public IVMDKForeignExtent {
  public:
   // Opens `uri` read-only for an extent line of `lineSectors` sectors that
   // begins at disk sector `diskStartSector`. `decompressor` unpacks the
-  // grains of a compressed extent; it is kept and must not be null. Raises
+  // grains of a compressed extent; it is kept and must not be null. `maps`,
+  // if not null, gives the grain map of a file already mapped and takes the
+  // new one; one thread at a time uses it with all its extents. Raises
   // kx::CIOError with "uri": code 5 for a header or geometry that can't be
   // read (see above), code 6 for a version other than 1 to 3, code 13 for
   // an encrypted extent; and what the file system raises.
   CVMDKForeignSparseExtent(kx::IFileSystem* fileSystem, const kx::CURI& uri, int64_t lineSectors,
-                           int64_t diskStartSector, kx::ISimpleCompressor* decompressor);
+                           int64_t diskStartSector, kx::ISimpleCompressor* decompressor,
+                           CVMDKForeignGrainMapCache* maps = nullptr);
   ~CVMDKForeignSparseExtent() override;
   CVMDKForeignSparseExtent(const CVMDKForeignSparseExtent&) = delete;
   CVMDKForeignSparseExtent& operator=(const CVMDKForeignSparseExtent&) = delete;

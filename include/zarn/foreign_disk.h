@@ -61,7 +61,9 @@ class CVMDKForeignDisk : public kx::CBase, public IDisk {
   //
   // Raises kx::CIOError code 5 ("uri" names the file) for a descriptor or
   // first extent that can't be read, an unknown create type or extent type,
-  // an extent line beyond its file's capacity; code 13 for an encrypted disk
+  // an extent line beyond its file's capacity, a parent reference that names
+  // no file (a missing parent is found missing when needed); code 13 for an
+  // encrypted disk
   // (CVMDKDisk opens those); code 6 for a sparse extent version other than 1
   // to 3; what the file system raises for a missing file. A failure holds
   // nothing open.
@@ -76,14 +78,16 @@ class CVMDKForeignDisk : public kx::CBase, public IDisk {
   // kx::CIOError code 4 for a range beyond the disk, before anything is read;
   // code 5 when a grain, table or parent in the range is damaged (the other
   // grains stay readable); kx::CInvalidArgError for a negative count. On
-  // failure the position stays and `buffer` holds unspecified bytes.
+  // failure the position stays and `buffer` may hold anything.
   void read(void* buffer, int bytes) override;
   // Always raises kx::CIOError code 13: a foreign disk is converted into a
   // disk of this library before it is changed.
   void write(const void* buffer, int bytes) override;
   // 0 to the size, both included; else kx::CIOError code 7.
   void seek(int64_t position) override;
+  // The byte position of the next read.
   int64_t getPosition() override { return position_; }
+  // The sum of the extent lines' sizes, as the descriptor gives them.
   int64_t getSizeBytes() override { return sizeBytes_; }
   // Nothing to do: nothing is ever changed.
   void flushChanges() override {}
@@ -119,18 +123,24 @@ class CVMDKForeignDisk : public kx::CBase, public IDisk {
   // with preparers from createDataPreparer. Without compression, the plain
   // grain. The position moves on by one grain. Raises kx::CIOError code 11
   // off a grain border, code 3 when the grain doesn't lie wholly in the
-  // disk, and as read does. `data` is replaced; on failure it is unspecified.
+  // disk, and as read does. `data` is replaced; on failure it may hold anything.
   void readPreparedGrainData(kx::TBuffer<unsigned char>& data);
   // A preparer that matches readPreparedGrainData (grain size, compression).
   kx::P<CVMDKDataPreparer> createDataPreparer() const;
 
   // The disk's own descriptor, as read; not to be changed.
   kx::P<CVMDKDescriptor> getDescriptor() const;
+  // The descriptor's "createType": one of "monolithicSparse",
+  // "twoGbMaxExtentSparse", "streamOptimized", "monolithicFlat",
+  // "twoGbMaxExtentFlat", "vmfs".
   kx::String getCreateType() const;
+  // The main file, normalized.
   kx::CURI getMainFileURI() const { return mainURI_; }
   // The files of the extent lines in descriptor order; zero extents have none.
   kx::TArray<kx::CURI> getExtentFiles() const;
-  // The parent's main file as the descriptor names it; empty without one.
+  // The parent's main file as the descriptor names it, resolved against this
+  // disk's folder; empty without one. Raises kx::CIOError code 5 as the
+  // constructor does for a reference that names no file.
   kx::CURI getParentDiskMainURI() const;
   // Why CVMDKDisk refuses the disk, in a few words, several joined by "; ":
   // "flat extents", "published stream-optimized layout", "grain table

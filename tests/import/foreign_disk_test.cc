@@ -346,6 +346,23 @@ TEST_F(ForeignDiskTest, ChainThatCantBeFollowedFailsWhereItIsNeeded) {
   EXPECT_THROW(orphan->read(grain.data(), kGrain), kx::CFileSystemError);
 }
 
+// Lines that name one file again and again find its grains once: a file
+// without footer is scanned, and warned about, a single time.
+TEST_F(ForeignDiskTest, ManyLinesNamingOneFileMapItOnce) {
+  const Bytes raw = test::noiseGrain(kGrain, 9);
+  test::CStreamImageOptions options;
+  options.footer = false;
+  put("s.vmdk", test::makeStreamOptimizedImage(raw, options).bytes);
+  std::string lines;
+  for (int i = 0; i < 3000; ++i) lines += "RW 1 SPARSE \"s.vmdk\"\n";
+  putText("d.vmdk", descriptor("twoGbMaxExtentSparse", lines));
+  test::CLogCapture log;
+  auto disk = open("d.vmdk");
+  const Bytes all = readAll(*disk);
+  for (int i = 0; i < 3000; ++i) ASSERT_TRUE(std::equal(raw.begin(), raw.begin() + 512, all.begin() + i * 512)) << i;
+  EXPECT_EQ(log.count(kx::LogLevel::Warning), 1u);
+}
+
 // 255 parents are read through; the 256th is taken for a loop in disguise.
 TEST_F(ForeignDiskTest, ChainDepthIsBounded) {
   const Bytes data = test::textGrain(kGrain, 8);
