@@ -60,14 +60,14 @@ std::vector<std::string> splitWords(const std::string& line) {
 }  // namespace
 
 CVMDKForeignDescriptorLayer::CVMDKForeignDescriptorLayer(kx::IFileSystem* fileSystem, const kx::CURI& mainFile,
-                                                         kx::ISimpleCompressor* decompressor)
+                                                         CVMDKForeignGrainUnpacker* unpacker)
     : fileSystem_(kx::P<kx::IFileSystem>::share(fileSystem)),
       mainURI_(mainFile.toNormalized()),
-      decompressor_(kx::P<kx::ISimpleCompressor>::share(decompressor)),
+      unpacker_(kx::P<CVMDKForeignGrainUnpacker>::share(unpacker)),
       extents_(kOpenExtentLimit),
       grainMaps_(kx::create<CVMDKForeignGrainMapCache>(kGrainMapLimit)) {
-  if (!fileSystem_ || !decompressor_) {
-    throw kx::CError("Internal error: CVMDKForeignDescriptorLayer needs a file system and a decompressor.");
+  if (!fileSystem_ || !unpacker_) {
+    throw kx::CError("Internal error: CVMDKForeignDescriptorLayer needs a file system and an unpacker.");
   }
   const kx::CURI lockURI = mainFile.getParent() << (mainFile.getName() + ".lock");
   try {
@@ -105,7 +105,7 @@ CVMDKForeignDescriptorLayer::CVMDKForeignDescriptorLayer(kx::IFileSystem* fileSy
                                          ? getExtent(static_cast<size_t>(firstSparseIndex_))
                                          : kx::create<CVMDKForeignSparseExtent>(fileSystem_.get(), firstSparse_->uri, 0,
                                                                                 firstSparse_->startSector,
-                                                                                decompressor_.get(), grainMaps_.get());
+                                                                                unpacker_.get(), grainMaps_.get());
   const auto* sparse = dynamic_cast<const CVMDKForeignSparseExtent*>(extent.get());
   grainSizeSectors_ = sparse->getGrainSizeSectors();
   compressed_ = sparse->getCompressed();
@@ -218,7 +218,7 @@ kx::P<IVMDKForeignExtent> CVMDKForeignDescriptorLayer::getExtent(size_t index) {
   switch (line.kind) {
     case ExtentKind::Sparse:
       extent = kx::create<CVMDKForeignSparseExtent>(fileSystem_.get(), line.uri, line.sizeSectors, line.startSector,
-                                                    decompressor_.get(), grainMaps_.get());
+                                                    unpacker_.get(), grainMaps_.get());
       break;
     case ExtentKind::Flat:
       extent = kx::create<CVMDKForeignFlatExtent>(fileSystem_.get(), line.uri, line.sizeSectors, line.offsetSectors);

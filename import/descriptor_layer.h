@@ -17,12 +17,12 @@
 #include "import/foreign_extent.h"
 #include "import/foreign_layer.h"
 #include "import/grain_map.h"
+#include "import/grain_unpacker.h"
 #include "kx/base.h"
 #include "kx/containers.h"
 #include "kx/file_system.h"
 #include "kx/lock_file.h"
 #include "kx/mru_cache.h"
-#include "kx/simple_compressor.h"
 #include "kx/string.h"
 #include "kx/uri.h"
 #include "zarn/descriptor.h"
@@ -52,11 +52,11 @@ class CVMDKForeignDescriptorLayer : public kx::CBase, public IVMDKForeignLayer {
   // Takes a shared lock on "<name>.lock" as a reading CVMDKDisk does, reads
   // the descriptor of `mainFile`, checks create type and extent lines, and
   // opens the first sparse extent to learn grain size and compression.
-  // `decompressor` unpacks compressed grains; it is kept, may be shared with
+  // `unpacker` unpacks compressed grains; it is kept, may be shared with
   // other layers of one chain (one thread at a time) and must not be null.
   // Raises as CVMDKForeignDisk's constructor says.
   CVMDKForeignDescriptorLayer(kx::IFileSystem* fileSystem, const kx::CURI& mainFile,
-                              kx::ISimpleCompressor* decompressor);
+                              CVMDKForeignGrainUnpacker* unpacker);
   ~CVMDKForeignDescriptorLayer() override;
   CVMDKForeignDescriptorLayer(const CVMDKForeignDescriptorLayer&) = delete;
   CVMDKForeignDescriptorLayer& operator=(const CVMDKForeignDescriptorLayer&) = delete;
@@ -99,7 +99,7 @@ class CVMDKForeignDescriptorLayer : public kx::CBase, public IVMDKForeignLayer {
   int64_t grainSizeSectors_ = kFlatGrainSizeSectors;
   bool compressed_ = false;
   kx::String reason_;
-  kx::P<kx::ISimpleCompressor> decompressor_;
+  kx::P<CVMDKForeignGrainUnpacker> unpacker_;
   kx::TMostRecentlyUsedCache<size_t, IVMDKForeignExtent> extents_;
   kx::P<CVMDKForeignGrainMapCache> grainMaps_;
 };

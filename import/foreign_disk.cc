@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstring>
 
-#include "dfm/miniz_compressor.h"
 #include "import/descriptor_layer.h"
 #include "import/own_disk_layer.h"
 #include "kx/data_stream.h"
@@ -40,9 +39,8 @@ bool announcesZeroedGrains(kx::IFileSystem* fileSystem, CVMDKDisk& disk) {
 CVMDKForeignDisk::CVMDKForeignDisk(kx::IFileSystem* fileSystem, const kx::CURI& mainFile, const kx::String& password)
     : fileSystem_(kx::P<kx::IFileSystem>::share(fileSystem)), password_(password) {
   if (!fileSystem_) throw kx::CError("Internal error: CVMDKForeignDisk needs a file system.");
-  // One engine for the whole chain: it costs more memory than a grain.
-  decompressor_ = kx::create<dfm::CMiniZCompressor>(-1);
-  ownLayer_ = kx::create<CVMDKForeignDescriptorLayer>(fileSystem, mainFile, decompressor_.get());
+  unpacker_ = kx::create<CVMDKForeignGrainUnpacker>();
+  ownLayer_ = kx::create<CVMDKForeignDescriptorLayer>(fileSystem, mainFile, unpacker_.get());
   layers_.push_back(ownLayer_);
   mainURI_ = ownLayer_->getMainFileURI();
   sizeBytes_ = ownLayer_->getSizeBytes();
@@ -100,14 +98,14 @@ kx::P<IVMDKForeignLayer> CVMDKForeignDisk::openParentLayer(const kx::CURI& uri) 
     own = nullptr;
   } catch (const kx::CError& ownError) {
     try {
-      return kx::create<CVMDKForeignDescriptorLayer>(fileSystem_.get(), uri, decompressor_.get());
+      return kx::create<CVMDKForeignDescriptorLayer>(fileSystem_.get(), uri, unpacker_.get());
     } catch (const kx::CIOError& foreignError) {
       // Only this library's disks are encrypted: its own error says more.
       if (foreignError.getCode() == kx::IOERR_NOT_SUPPORTED) ownError.rethrowCopy();
       throw;
     }
   }
-  return kx::create<CVMDKForeignDescriptorLayer>(fileSystem_.get(), uri, decompressor_.get());
+  return kx::create<CVMDKForeignDescriptorLayer>(fileSystem_.get(), uri, unpacker_.get());
 }
 
 bool CVMDKForeignDisk::ensureLayer(int depth) {

@@ -10,20 +10,12 @@
 #include "zarn/low_level_file_stream.h"
 
 namespace zarn {
-namespace {
-
-bool isAllZero(const unsigned char* data, size_t size) {
-  return size == 0 || (data[0] == 0 && std::memcmp(data, data + 1, size - 1) == 0);
-}
-
-}  // namespace
-
 CVMDKForeignSparseExtent::CVMDKForeignSparseExtent(kx::IFileSystem* fileSystem, const kx::CURI& uri,
                                                    int64_t lineSectors, int64_t diskStartSector,
-                                                   kx::ISimpleCompressor* decompressor,
+                                                   CVMDKForeignGrainUnpacker* unpacker,
                                                    CVMDKForeignGrainMapCache* maps)
-    : uri_(uri), decompressor_(kx::P<kx::ISimpleCompressor>::share(decompressor)) {
-  if (!decompressor_) throw kx::CError("Internal error: CVMDKForeignSparseExtent needs a decompressor.");
+    : uri_(uri), unpacker_(kx::P<CVMDKForeignGrainUnpacker>::share(unpacker)) {
+  if (!unpacker_) throw kx::CError("Internal error: CVMDKForeignSparseExtent needs an unpacker.");
   stream_ = openVMDKFileStream(fileSystem, uri, kx::IIOStream::ACCESS_READ);
   try {
     verifyVMDKSparseExtentHeaderFits(*stream_);
@@ -44,7 +36,7 @@ CVMDKForeignSparseExtent::CVMDKForeignSparseExtent(kx::IFileSystem* fileSystem, 
   }
 }
 
-CVMDKForeignSparseExtent::~CVMDKForeignSparseExtent() = default;
+CVMDKForeignSparseExtent::~CVMDKForeignSparseExtent() { unpacker_->forget(this); }
 
 kx::CProps CVMDKForeignSparseExtent::uriProps() const { return kx::CProps().add("uri", uri_.toString(true)); }
 
@@ -140,33 +132,19 @@ void CVMDKForeignSparseExtent::readStoredForm(int64_t grainIndex, uint64_t entry
   stream_->read(out.getData() + kVMDKGrainHeaderSize, static_cast<int>(size));
 }
 
-void CVMDKForeignSparseExtent::unpackGrain(int64_t grainIndex, uint64_t entry) {
-  if (grainIndex_ == grainIndex) {
-    if (grainError_) grainError_->rethrowCopy();
-    return;
-  }
-  grainIndex_ = -1;
-  grainError_.reset();
+const unsigned char* CVMDKForeignSparseExtent::unpackGrain(int64_t grainIndex, uint64_t entry) {
+  if (unpacker_->holds(this, grainIndex)) return unpacker_->getGrain();
   try {
-    readStoredForm(grainIndex, entry, stored_);
-    grain_.setUsed(static_cast<size_t>(grainSizeBytes_));
-    const int produced = decompressor_->decompressSingleStep(
-        stored_.getData() + kVMDKGrainHeaderSize, static_cast<int>(stored_.getUsed()) - kVMDKGrainHeaderSize,
-        grain_.getData(), static_cast<int>(grainSizeBytes_));
-    // A last grain may have been packed only as far as the capacity reaches.
-    std::memset(grain_.getData() + produced, 0, static_cast<size_t>(grainSizeBytes_ - produced));
-    grainIsZero_ = isAllZero(grain_.getData(), grain_.getUsed());
-    grainIndex_ = grainIndex;
+    readStoredForm(grainIndex, entry, unpacker_->getStoredBuffer());
+    unpacker_->unpack(this, grainIndex, grainSizeBytes_);
   } catch (kx::CIOError& error) {
     if (!error.getProps().has("uri")) error.getParams().add("uri", uri_.toString(true));
     if (!error.getProps().has("grainIndex")) error.getParams().add("grainIndex", grainIndex);
     // Damage stays damage; a failing file system may do better next time.
-    if (error.getCode() == kx::IOERR_DAMAGED_DATA) {
-      grainIndex_ = grainIndex;
-      grainError_ = error.clone();
-    }
+    if (error.getCode() == kx::IOERR_DAMAGED_DATA) unpacker_->keepDamage(this, grainIndex, error);
     throw;
   }
+  return unpacker_->getGrain();
 }
 
 VMDKForeignGrainState CVMDKForeignSparseExtent::getState(int64_t offset, int64_t maxBytes, bool exact,
@@ -183,7 +161,7 @@ VMDKForeignGrainState CVMDKForeignSparseExtent::getState(int64_t offset, int64_t
       if (error.getCode() != kx::IOERR_DAMAGED_DATA) throw;
       return VMDKForeignGrainState::Stored;
     }
-    if (grainIsZero_) return VMDKForeignGrainState::Zero;
+    if (unpacker_->isZero()) return VMDKForeignGrainState::Zero;
   }
   return VMDKForeignGrainState::Stored;
 }
@@ -199,8 +177,7 @@ void CVMDKForeignSparseExtent::read(int64_t offset, void* buffer, int bytes) {
     if (entry == CVMDKForeignGrainMap::kEntryAbsent || entry == CVMDKForeignGrainMap::kEntryZero) {
       std::memset(out + done, 0, static_cast<size_t>(piece));
     } else if (compressed_) {
-      unpackGrain(grainIndex, entry);
-      std::memcpy(out + done, grain_.getData() + within, static_cast<size_t>(piece));
+      std::memcpy(out + done, unpackGrain(grainIndex, entry) + within, static_cast<size_t>(piece));
     } else {
       const int64_t position = getDataPosition(grainIndex, entry);
       if (within + piece > lengthBytes_ - position) {

@@ -22,15 +22,14 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
 
 #include "import/foreign_extent.h"
 #include "import/grain_map.h"
+#include "import/grain_unpacker.h"
 #include "kx/base.h"
 #include "kx/buffer.h"
 #include "kx/error.h"
 #include "kx/file_system.h"
-#include "kx/simple_compressor.h"
 #include "kx/uri.h"
 #include "zarn/sparse_extent_header.h"
 
@@ -39,15 +38,15 @@ namespace zarn {
 class CVMDKForeignSparseExtent : public kx::CBase, public IVMDKForeignExtent {
  public:
   // Opens `uri` read-only for an extent line of `lineSectors` sectors that
-  // begins at disk sector `diskStartSector`. `decompressor` unpacks the
-  // grains of a compressed extent; it is kept and must not be null. `maps`,
+  // begins at disk sector `diskStartSector`. `unpacker` unpacks the grains
+  // of a compressed extent; it is kept and must not be null. `maps`,
   // if not null, gives the grain map of a file already mapped and takes the
   // new one; one thread at a time uses it with all its extents. Raises
   // kx::CIOError with "uri": code 5 for a header or geometry that can't be
   // read (see above), code 6 for a version other than 1 to 3, code 13 for
   // an encrypted extent; and what the file system raises.
   CVMDKForeignSparseExtent(kx::IFileSystem* fileSystem, const kx::CURI& uri, int64_t lineSectors,
-                           int64_t diskStartSector, kx::ISimpleCompressor* decompressor,
+                           int64_t diskStartSector, CVMDKForeignGrainUnpacker* unpacker,
                            CVMDKForeignGrainMapCache* maps = nullptr);
   ~CVMDKForeignSparseExtent() override;
   CVMDKForeignSparseExtent(const CVMDKForeignSparseExtent&) = delete;
@@ -72,8 +71,10 @@ class CVMDKForeignSparseExtent : public kx::CBase, public IVMDKForeignExtent {
   int64_t getDataPosition(int64_t grainIndex, uint64_t entry) const;
   // Header and deflate data of the grain whose stored form begins at `entry`.
   void readStoredForm(int64_t grainIndex, uint64_t entry, kx::TBuffer<unsigned char>& out);
-  // Makes `grain_` the plain bytes of compressed grain `grainIndex`.
-  void unpackGrain(int64_t grainIndex, uint64_t entry);
+  // Has the unpacker hold compressed grain `grainIndex`; returns its bytes.
+  // Raises kx::CIOError code 5, now and at every later call, for a grain
+  // that doesn't unpack.
+  const unsigned char* unpackGrain(int64_t grainIndex, uint64_t entry);
 
   kx::P<kx::IIOStream> stream_;
   kx::CURI uri_;
@@ -85,13 +86,7 @@ class CVMDKForeignSparseExtent : public kx::CBase, public IVMDKForeignExtent {
   int64_t startGrainIndex_ = 0;  // the disk's grain index of the extent's first grain
   bool compressed_ = false;
   kx::P<CVMDKForeignGrainMap> map_;
-  kx::P<kx::ISimpleCompressor> decompressor_;
-  kx::TBuffer<unsigned char> stored_;
-  // The last grain unpacked, or the damage that kept it from unpacking.
-  kx::TBuffer<unsigned char> grain_;
-  int64_t grainIndex_ = -1;
-  bool grainIsZero_ = false;
-  std::shared_ptr<kx::CError> grainError_;
+  kx::P<CVMDKForeignGrainUnpacker> unpacker_;
 };
 
 }  // namespace zarn

@@ -32,7 +32,6 @@
 #include "kx/buffer.h"
 #include "kx/containers.h"
 #include "kx/file_system.h"
-#include "kx/simple_compressor.h"
 #include "kx/string.h"
 #include "kx/uri.h"
 #include "zarn/data_preparer.h"
@@ -43,6 +42,7 @@
 namespace zarn {
 
 class CVMDKForeignDescriptorLayer;
+class CVMDKForeignGrainUnpacker;
 class IVMDKForeignLayer;
 
 class CVMDKForeignDisk : public kx::CBase, public IDisk {
@@ -163,7 +163,7 @@ class CVMDKForeignDisk : public kx::CBase, public IDisk {
   kx::P<kx::IFileSystem> fileSystem_;
   kx::CURI mainURI_;
   kx::String password_;
-  kx::P<kx::ISimpleCompressor> decompressor_;  // shared by the foreign disks of the chain
+  kx::P<CVMDKForeignGrainUnpacker> unpacker_;  // shared by the foreign disks of the chain
   kx::P<CVMDKForeignDescriptorLayer> ownLayer_;
   kx::TArray<kx::P<IVMDKForeignLayer>> layers_;  // [0] is ownLayer_, then the parents opened so far
   bool chainComplete_ = false;

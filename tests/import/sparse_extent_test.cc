@@ -6,11 +6,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <string>
 #include <vector>
 
-#include "dfm/miniz_compressor.h"
 #include "kx/memory_file_system.h"
 #include "tests/support/caught_error.h"
 #include "tests/support/file_bytes.h"
@@ -31,7 +31,7 @@ class SparseExtentTest : public ::testing::Test {
   kx::P<zarn::CVMDKForeignSparseExtent> open(const Bytes& bytes, int64_t lineSectors = -1) {
     fs_->setFileData(kURI, bytes.data(), bytes.size());
     return kx::create<zarn::CVMDKForeignSparseExtent>(fs_.get(), kURI, lineSectors < 0 ? sectors() : lineSectors,
-                                                      0, decompressor_.get());
+                                                      0, unpacker_.get());
   }
   int64_t sectors() const { return static_cast<int64_t>((raw_.size() + 511) / 512); }
   Bytes readGrain(zarn::CVMDKForeignSparseExtent& extent, int64_t g) {
@@ -50,7 +50,7 @@ class SparseExtentTest : public ::testing::Test {
   }
 
   kx::P<kx::CMemoryFileSystem> fs_ = kx::create<kx::CMemoryFileSystem>();
-  kx::P<dfm::CMiniZCompressor> decompressor_ = kx::create<dfm::CMiniZCompressor>(-1);
+  kx::P<zarn::CVMDKForeignGrainUnpacker> unpacker_ = kx::create<zarn::CVMDKForeignGrainUnpacker>();
   // 12 grains and a sector: zeros every fourth grain, then noise and text;
   // grain 5 is a grain of zeros that a writer may still store.
   const Bytes raw_ = [] {
@@ -223,6 +223,32 @@ TEST_F(SparseExtentTest, ImpossibleHeaderIsRefused) {
     const kx::CIOError error = test::caught([&] { open(bytes, c.lineSectors); }, kx::CIOError(0, ""));
     EXPECT_EQ(error.getCode(), c.code) << error.what();
     EXPECT_EQ(error.getProps().get("uri"), kURI.toString(true));
+  }
+}
+
+// One unpacker serves all extents of a chain: a grain it holds for one extent
+// is never taken for the same grain of another, nor of a later extent at the
+// address of one that went.
+TEST_F(SparseExtentTest, SharedUnpackerKeepsExtentsApart) {
+  Bytes other = raw_;
+  std::reverse(other.begin(), other.end());
+  const Bytes a = test::makeStreamOptimizedImage(raw_).bytes, b = test::makeStreamOptimizedImage(other).bytes;
+  const kx::CURI uriB{kx::String("file:///vms/other.vmdk")};
+  fs_->setFileData(uriB, b.data(), b.size());
+  auto first = open(a);
+  auto second = kx::create<zarn::CVMDKForeignSparseExtent>(fs_.get(), uriB, sectors(), 0, unpacker_.get());
+  const auto otherGrain = [&](int64_t g) {
+    return Bytes(other.begin() + g * kGrain, other.begin() + (g + 1) * kGrain);
+  };
+  for (int round = 0; round < 2; ++round) {
+    EXPECT_TRUE(readGrain(*first, 2) == rawGrain(2));
+    EXPECT_TRUE(readGrain(*second, 2) == otherGrain(2));
+  }
+  for (int round = 0; round < 8; ++round) {
+    first = nullptr;
+    first = kx::create<zarn::CVMDKForeignSparseExtent>(fs_.get(), round % 2 ? kURI : uriB, sectors(), 0,
+                                                       unpacker_.get());
+    EXPECT_TRUE(readGrain(*first, 3) == (round % 2 ? rawGrain(3) : otherGrain(3))) << round;
   }
 }
 
