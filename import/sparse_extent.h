@@ -5,7 +5,7 @@
 // deflate data), wherever the grain map says (see CVMDKForeignGrainMap).
 //
 // What this library's own opening refuses and this class reads, because it
-// only endangers writing or is a documented form of the data:
+// only endangers writing, or is a form of the data that other writers use:
 //   - grain table entries of 1: zeroed grains that read as zeros and hide
 //     the parent's bytes;
 //   - a grain directory at the end of the file (all ones in the header), and

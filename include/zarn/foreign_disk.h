@@ -63,10 +63,10 @@ class CVMDKForeignDisk : public kx::CBase, public IDisk {
   // first extent that can't be read, an unknown create type or extent type,
   // an extent line beyond its file's capacity, a parent reference that names
   // no file (a missing parent is found missing when needed); code 13 for an
-  // encrypted disk
-  // (CVMDKDisk opens those); code 6 for a sparse extent version other than 1
-  // to 3; what the file system raises for a missing file. A failure holds
-  // nothing open.
+  // encrypted disk (CVMDKDisk opens those); code 6 for a sparse extent
+  // version other than 1 to 3; what the file system raises for a missing
+  // file, and kx::CLockFileError while a writer holds the disk. A failure
+  // holds nothing open.
   CVMDKForeignDisk(kx::IFileSystem* fileSystem, const kx::CURI& mainFile, const kx::String& password = kx::String());
   ~CVMDKForeignDisk() override;
   CVMDKForeignDisk(const CVMDKForeignDisk&) = delete;
@@ -150,7 +150,8 @@ class CVMDKForeignDisk : public kx::CBase, public IDisk {
   kx::String getForeignReason() const;
 
  private:
-  // Opens the parent of layer `depth` unless done; false when it has none.
+  // Opens the chain down to layer `depth` unless done; false when the chain
+  // ends above it.
   bool ensureLayer(int depth);
   kx::P<IVMDKForeignLayer> openParentLayer(const kx::CURI& uri);
   // The depth that serves `position` (-1: zeros) and in `runBytes` how many
