@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "kx/error.h"
 #include "kx/memory_file_system.h"
 #include "kx/string.h"
 #include "kx/uri.h"
