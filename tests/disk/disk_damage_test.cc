@@ -15,6 +15,7 @@
 
 #include "kx/memory_file_system.h"
 #include "kx/local_file_system.h"
+#include "tests/support/caught_error.h"
 #include "tests/support/file_bytes.h"
 #include "tests/support/grain_data.h"
 #include "tests/support/log_capture.h"
@@ -329,6 +330,27 @@ TEST(DiskDamageTest, EveryDamageIsRefusedOrReadInBoundedTime) {
     if (!kSanitized) {
       EXPECT_LT(took.count(), 5.0);
     }
+  }
+  // A grain for a table the file doesn't have is refused before its data is
+  // written: the file doesn't grow by a slot nothing can point at.
+  {
+    Files files = plain;
+    Bytes& file = files.get("disk.vmdk");
+    test::putLE(file, field(file, kDirectory) * 512 + 4, 0, 4);  // table 1: grains 512 to 639
+    auto fs = kx::create<kx::CMemoryFileSystem>();
+    for (const auto& f : files.files) {
+      fs->setFileData(kMain.getParent() << kx::String::FromUTF8(f.first.c_str()), f.second.data(), f.second.size());
+    }
+    const size_t before = file.size();
+    auto disk = kx::create<zarn::CVMDKDisk>(fs.get(), kMain, kx::IIOStream::ACCESS_READ_WRITE, "");
+    const Bytes data = test::noiseGrain(kGrain, 9);
+    disk->seek(520 * int64_t{kGrain});
+    EXPECT_EQ(test::ioErrorCode([&] {
+                disk->write(data.data(), kGrain);
+                disk->flushChanges();
+              }),
+              13);
+    EXPECT_EQ(fs->getFileData(kMain).getUsed(), before);
   }
   // Every cut of the file, at sector and odd lengths.
   for (const Files* base : {&plain, &compressed}) {
