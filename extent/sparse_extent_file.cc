@@ -455,8 +455,13 @@ kx::P<CVMDKSpaceInfo> CVMDKSparseExtentFile::gatherSpaceInfo() {
     payload += count.grains * grainSizeBytes_;
     payloadInFile += count.slotSectors * kSectorSizeBytes;
   }
-  const int64_t headerSize = static_cast<int64_t>(header_->getOverheadSectors()) * kSectorSizeBytes;
-  int64_t deadSpace = stream_->getLength() - headerSize - payloadInFile;
+  // A reader may have opened a head that claims more than the file holds.
+  const int64_t length = stream_->getLength();
+  const uint64_t overheadSectors = header_->getOverheadSectors();
+  const int64_t headerSize = overheadSectors > static_cast<uint64_t>(length / kSectorSizeBytes)
+                                 ? length
+                                 : static_cast<int64_t>(overheadSectors) * kSectorSizeBytes;
+  int64_t deadSpace = length - headerSize - payloadInFile;
   if (deadSpace < 0) {
     kx::logWarning("Calculated negative dead space value for VMDK extent file '" + stream_->getURI().toString(true) +
                    kx::String::Format("' (deadSpace: %lld, headerSize: %lld, payloadSize: %lld, payloadSizeInFile: "
