@@ -24,6 +24,12 @@ using BufferP = kx::P<Buffer>;
 constexpr int kGrainsPerThread = 8;
 constexpr int64_t kRawGrainBytes = 64 * 1024;
 
+// Where in the source a grain failed: the file offset that the library names
+// means little to someone who knows the disk only as a run of bytes.
+void addDiskOffset(kx::CError& error, int64_t position) {
+  if (!error.getProps().has("diskOffset")) error.getParams().add("diskOffset", position);
+}
+
 bool isAllZero(const unsigned char* data, size_t size) {
   return size == 0 || (data[0] == 0 && std::memcmp(data, data + 1, size - 1) == 0);
 }
@@ -112,11 +118,21 @@ class CConverter {
     slot.packed = nullptr;
     slot.zero = false;
     const bool whole = slot.length == grainBytes_;
+    try {
+      readSource(slot, position, whole);
+    } catch (kx::CError& error) {
+      addDiskOffset(error, position);
+      throw;
+    }
+  }
+
+  void readSource(CSlot& slot, int64_t position, bool whole) {
     if (zarn::CVMDKDisk* source = ends_.sourceDisk.get()) {
       source->seek(position);
       if (!source->isGrainWritten()) {
         slot.kind = CSlot::kAbsent;
-      } else if ((move_ || unpack_) && whole) {
+      } else if ((move_ || unpack_) && whole &&
+                 (ends_.sourceChainStoresAlike || source->isGrainWrittenAndIndependentOfParent())) {
         source->readPreparedGrainData(*slot.input);
         slot.kind = move_ ? CSlot::kMoved : CSlot::kPrepared;
       } else {
@@ -139,9 +155,14 @@ class CConverter {
       slot.zero = slot.kind == CSlot::kAbsent;
       return;
     }
-    slot.plain = slot.kind == CSlot::kPrepared
-                     ? sourcePreparers_[worker]->unprepareGrainData(slot.input.get(), slot.unpackAux.get())
-                     : slot.input;
+    try {
+      slot.plain = slot.kind == CSlot::kPrepared
+                       ? sourcePreparers_[worker]->unprepareGrainData(slot.input.get(), slot.unpackAux.get())
+                       : slot.input;
+    } catch (kx::CError& error) {
+      addDiskOffset(error, slot.position);
+      throw;
+    }
     slot.zero = isAllZero(slot.plain->getData(), static_cast<size_t>(slot.length));
     if (!slot.zero && pack_) {
       slot.packed = targetPreparers_[worker]->prepareGrainData(slot.plain.get(), slot.position / grainBytes_,
