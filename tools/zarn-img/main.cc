@@ -60,7 +60,7 @@ void printHelp() {
       "  zarn-img compare [-U] [-f raw|vmdk] [-F raw|vmdk] FILE1 FILE2\n"
       "  zarn-img measure [--output=human|json] [-O raw|vmdk] [-o OPTIONS]\n"
       "                   (--size SIZE | [-U] [-f raw|vmdk] FILE)\n"
-      "  zarn-img commit  FILE\n"
+      "  zarn-img commit  [-p] FILE\n"
       "  zarn-img resize  FILE [+]SIZE\n"
       "\n"
       "Every command takes --password-file F, --confine DIR and -q (quiet), and\n"
