@@ -29,9 +29,8 @@ int runResize(CToolContext& context, const Args& args) {
         "have beyond its end (a table covers 32 MiB), and the last part of a split\n"
         "disk no larger than its first; a size beyond that is refused, with the\n"
         "largest that fits: convert the disk into a new one of the size instead.\n"
-        "The new\n"
-        "bytes read as zeros, and children keep reading what they read. Shrinking\n"
-        "is refused: qemu-img shrinks with --shrink, zarn-img not at all.\n"
+        "The new bytes read as zeros, and children keep reading what they read.\n"
+        "Shrinking is refused: qemu-img shrinks with --shrink, zarn-img not at all.\n"
         "\n%s",
         kCommonHelp);
     return 0;
