@@ -1,10 +1,15 @@
 # The two commands: `make test` and `make demo`. Both install what they need.
 BUILD_DIR    ?= build
+# make demo and make install build only the library and zarn-img, in a tree
+# of their own: no tests, benchmarks or fuzz targets to wait for, and no
+# fight with the test build over how a tree is configured.
+DEMO_DIR     ?= build-demo
+PREFIX       ?= /usr/local
 SAN_DIR      ?= build-sanitize
 JOBS         ?= $(shell nproc)
 CMAKE_FLAGS  ?=
 
-.PHONY: all deps configure build test test-sanitize test-slow bench bench-compare fuzz demo install clean
+.PHONY: all deps configure build test test-sanitize test-slow bench bench-compare fuzz demo demo-build install clean
 
 all: build
 
@@ -54,12 +59,21 @@ fuzz: deps
 	@for f in $(FUZZ_DIR)/fuzz/*_fuzzer; do n=$$(basename $$f); mkdir -p $(FUZZ_DIR)/corpus/$$n; \
 	  echo "== $$n"; $$f -max_total_time=$(FUZZ_SECONDS) -rss_limit_mb=2048 $(FUZZ_DIR)/corpus/$$n testdata/fuzz/$$n || exit 1; done
 
-demo: build
-	@if [ -x scripts/demo.sh ]; then ./scripts/demo.sh $(BUILD_DIR); \
-	else echo "The command-line tool arrives in a later release; run 'make test'."; fi
+$(DEMO_DIR)/build.ninja: | deps
+	cmake -S . -B $(DEMO_DIR) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZARN_BUILD_TESTS=OFF \
+	  -DZARN_BUILD_BENCHMARKS=OFF -DZARN_BUILD_FUZZERS=OFF $(CMAKE_FLAGS)
 
-install: build
-	cmake --install $(BUILD_DIR)
+demo-build: $(DEMO_DIR)/build.ninja
+	cmake --build $(DEMO_DIR) -j $(JOBS) --target zarn-img
+
+demo: demo-build
+	./scripts/demo.sh $(DEMO_DIR)
+
+# The library (shared and static), its headers, the CMake and pkg-config
+# files, and zarn-img, under PREFIX: make install PREFIX=$$HOME/opt/zarn
+install: $(DEMO_DIR)/build.ninja
+	cmake --build $(DEMO_DIR) -j $(JOBS)
+	cmake --install $(DEMO_DIR) --prefix $(PREFIX)
 
 clean:
-	rm -rf $(BUILD_DIR) $(SAN_DIR)
+	rm -rf $(BUILD_DIR) $(DEMO_DIR) $(SAN_DIR)

@@ -5,7 +5,7 @@ set -euo pipefail
 
 build_dir=${1:-build}
 tool=$(cd "$build_dir" && pwd)/tools/zarn-img
-[ -x "$tool" ] || { echo "demo: $tool is missing; run 'make build' first" >&2; exit 1; }
+[ -x "$tool" ] || { echo "demo: $tool is missing; run 'make demo' (or 'make build') first" >&2; exit 1; }
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/zarn-demo-XXXXXX")
 trap 'rm -rf "$work"' EXIT

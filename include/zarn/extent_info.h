@@ -32,6 +32,7 @@ class CVMDKExtentInfo : public CVMDKDescriptorEntry {
 
   const kx::String& getAccess() const { return access_; }
   int64_t getSizeSectors() const { return sizeSectors_; }
+  void setSizeSectors(int64_t sizeSectors) { sizeSectors_ = sizeSectors; }
   const kx::String& getType() const { return type_; }
   const kx::String& getFilename() const { return filename_; }
   void setFilename(const kx::String& filename) { filename_ = filename; }

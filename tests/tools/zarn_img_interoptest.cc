@@ -1,10 +1,17 @@
 // zarn-img beside independent VMDK tools: what it makes, qemu-img reads byte
 // for byte and finds clean and vmdkinfo parses; what qemu-img makes, zarn-img
-// reads, writes into, and qemu-img reads back as written.
+// reads, writes into (also as a copy, also where its descriptor file must
+// grow), and qemu-img reads back as written; compare, map and info --output=json
+// say what qemu-img says of the same disks.
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <map>
+#include <sstream>
 #include <string>
 #include <vector>
+
+#include <algorithm>
 
 #include "kx/local_file_system.h"
 #include "tests/support/file_bytes.h"
@@ -18,6 +25,32 @@ using Bytes = std::vector<unsigned char>;
 constexpr size_t kMiB = 1 << 20;
 const std::string kQemuImg = "/usr/bin/qemu-img";
 const std::string kVmdkInfo = "/usr/bin/vmdkinfo";
+const std::string kQemuIo = "/usr/bin/qemu-io";
+
+// The members of every object in `json` whose value is a number, true or
+// false, in order of appearance, as "key=value" lines: what two tools' JSON
+// share can be compared without a parser, whatever the layout.
+std::vector<std::string> scalarMembers(const std::string& json, const std::vector<std::string>& keys) {
+  std::vector<std::string> found;
+  size_t at = 0;
+  while ((at = json.find('"', at)) != std::string::npos) {
+    const size_t end = json.find('"', at + 1);
+    if (end == std::string::npos) break;
+    const std::string key = json.substr(at + 1, end - at - 1);
+    size_t value = end + 1;
+    if (json.compare(value, 1, ":") != 0) {
+      at = end + 1;
+      continue;
+    }
+    ++value;
+    while (value < json.size() && json[value] == ' ') ++value;
+    size_t stop = value;
+    while (stop < json.size() && json[stop] != ',' && json[stop] != '}' && json[stop] != '\n') ++stop;
+    if (std::find(keys.begin(), keys.end(), key) != keys.end()) found.push_back(key + "=" + json.substr(value, stop - value));
+    at = value;
+  }
+  return found;
+}
 
 class ZarnImgInteropTest : public ::testing::Test {
  protected:
@@ -129,6 +162,116 @@ TEST_F(ZarnImgInteropTest, QemuImgStreamOptimizedDiskIsRefused) {
   run(kQemuImg + " convert -f raw -O vmdk -o subformat=streamOptimized model.raw q.vmdk");
   EXPECT_NE(zarnImg("convert q.vmdk out.raw", 1).find("Slot size directory not found in compressed VMDK"),
             std::string::npos);
+}
+
+// A copy of a qemu-img disk is the copy: zarn-img reads it, writes into it,
+// and qemu-img reads it back as written, while the original stays as it was.
+// The same for a renamed qemu-img child over its parent.
+TEST_F(ZarnImgInteropTest, ACopyOfAQemuImgDiskIsReadAndWrittenAsTheCopy) {
+  run(kQemuImg + " convert -f raw -O vmdk model.raw q.vmdk");
+  std::filesystem::copy_file(dir_.getPath() + "/q.vmdk", dir_.getPath() + "/copy.vmdk");
+  EXPECT_TRUE(zarnRead("copy.vmdk") == model_);
+  Bytes expected = model_;
+  zarnWrite("copy.vmdk", 12345, 100000, expected);
+  EXPECT_TRUE(qemuRead("copy.vmdk") == expected);
+  EXPECT_TRUE(qemuRead("q.vmdk") == model_);
+  EXPECT_NE(run(kVmdkInfo + " copy.vmdk").find("(35651584 bytes)"), std::string::npos);
+
+  run(kQemuImg + " create -f vmdk -b q.vmdk -F vmdk child.vmdk");
+  std::filesystem::rename(dir_.getPath() + "/child.vmdk", dir_.getPath() + "/renamed.vmdk");
+  EXPECT_TRUE(zarnRead("renamed.vmdk") == model_);
+  expected = model_;
+  zarnWrite("renamed.vmdk", 3 * kMiB - 7, 20, expected);
+  EXPECT_TRUE(qemuRead("renamed.vmdk") == expected);
+  EXPECT_FALSE(std::filesystem::exists(dir_.getPath() + "/child.vmdk"));
+}
+
+// qemu-img's split disk has a descriptor file with no room for a longer
+// line: it grows when zarn-img writes, and qemu-img and qemu-io read what was
+// written.
+TEST_F(ZarnImgInteropTest, WritesIntoAQemuImgSplitDiskGrowItsDescriptorFile) {
+  if (!test::hasPeerTool(kQemuIo.c_str())) GTEST_SKIP() << "qemu-io not installed (qemu-utils)";
+  run(kQemuImg + " convert -f raw -O vmdk -o subformat=twoGbMaxExtentSparse model.raw q.vmdk");
+  // The text, without the zeros that pad qemu-img's file.
+  const auto text = [this]() {
+    const Bytes file = readRaw("q.vmdk");
+    return std::string(file.begin(), std::find(file.begin(), file.end(), 0));
+  };
+  const std::string before = text();
+  test::writeFileBytes(*fs_, dir_.getFileURI("pattern.bin"), Bytes(70000, 0x5a));
+  zarnImg("write --offset 5000 q.vmdk pattern.bin");
+  const std::string after = text();
+  EXPECT_GT(after.size(), before.size()) << after;
+  EXPECT_NE(after.find("encoding=\"UTF-8\""), std::string::npos) << after;
+  const size_t cid = before.find("\nCID=");
+  ASSERT_NE(cid, std::string::npos) << before;
+  EXPECT_EQ(after.find(before.substr(cid, before.find('\n', cid + 1) - cid + 1)), std::string::npos) << after;
+  Bytes expected = model_;
+  std::fill(expected.begin() + 5000, expected.begin() + 75000, 0x5a);
+  EXPECT_TRUE(qemuRead("q.vmdk") == expected);
+  const std::string io = run(kQemuIo + " -r -c 'read -P 0x5a 5000 70000' q.vmdk");
+  EXPECT_NE(io.find("read 70000/70000 bytes at offset 5000"), std::string::npos) << io;
+  EXPECT_EQ(io.find("Pattern verification failed"), std::string::npos) << io;
+}
+
+// compare says what qemu-img compare says, on the same pairs, with the same
+// exit status: the same, a difference in one sector, a size mismatch with a
+// zero tail and with data in the tail, disks of both tools over each other.
+TEST_F(ZarnImgInteropTest, CompareAgreesWithQemuImgCompare) {
+  zarnImg("convert model.raw z.vmdk");
+  run(kQemuImg + " convert -f raw -O vmdk model.raw q.vmdk");
+  Bytes other = model_;
+  other[20 * kMiB + 777] ^= 1;
+  test::writeFileBytes(*fs_, dir_.getFileURI("other.raw"), other);
+  Bytes longer = model_;
+  longer.resize(model_.size() + kMiB, 0);
+  test::writeFileBytes(*fs_, dir_.getFileURI("long.raw"), longer);
+  longer[model_.size() + 4096 + 3] = 7;
+  test::writeFileBytes(*fs_, dir_.getFileURI("tail.raw"), longer);
+  run(kQemuImg + " create -f vmdk -b q.vmdk -F vmdk qchild.vmdk");
+  run(kQemuIo + " -c 'write -P 0x11 1048576 512' qchild.vmdk");
+  const char* pairs[] = {"model.raw z.vmdk",  "z.vmdk q.vmdk",     "z.vmdk other.raw", "other.raw q.vmdk",
+                         "z.vmdk long.raw",   "tail.raw z.vmdk",   "q.vmdk tail.raw",  "qchild.vmdk z.vmdk",
+                         "qchild.vmdk q.vmdk"};
+  for (const char* pair : pairs) {
+    SCOPED_TRACE(pair);
+    std::string qemu, zarn;
+    const int qemuStatus =
+        test::runPeerTool("cd " + test::shellQuote(dir_.getPath()) + " && " + kQemuImg + " compare " + pair + " 2>/dev/null", qemu);
+#ifdef ZARN_IMG_PATH
+    const int zarnStatus = test::runPeerTool(
+        "cd " + test::shellQuote(dir_.getPath()) + " && " + std::string(ZARN_IMG_PATH) + " compare " + pair, zarn);
+#else
+    const int zarnStatus = -1;
+#endif
+    EXPECT_EQ(zarnStatus, qemuStatus);
+    EXPECT_EQ(zarn, qemu);
+  }
+}
+
+// map --output=json gives qemu-img's runs for qemu-img's disks, offsets too;
+// info --output=json gives the same values under the same names.
+TEST_F(ZarnImgInteropTest, MapAndInfoSpeakQemuImgsJson) {
+  run(kQemuImg + " convert -f raw -O vmdk model.raw q.vmdk");
+  run(kQemuImg + " convert -f raw -O vmdk -o subformat=twoGbMaxExtentSparse model.raw s.vmdk");
+  run(kQemuImg + " create -f vmdk -b q.vmdk -F vmdk child.vmdk");
+  run(kQemuIo + " -c 'write -P 0x22 2097152 131072' child.vmdk");
+  const std::vector<std::string> mapKeys{"start", "length", "depth", "present", "zero", "data", "offset"};
+  const std::vector<std::string> infoKeys{"virtual-size", "cluster-size", "cid", "parent-cid"};
+  for (const char* disk : {"q.vmdk", "s.vmdk", "child.vmdk"}) {
+    SCOPED_TRACE(disk);
+    EXPECT_EQ(scalarMembers(zarnImg(std::string("map --output=json ") + disk), mapKeys),
+              scalarMembers(run(kQemuImg + " map --output=json " + disk), mapKeys));
+    const std::string zarn = zarnImg(std::string("info --output=json ") + disk);
+    const std::string qemu = run(kQemuImg + " info --output=json " + disk);
+    EXPECT_EQ(scalarMembers(zarn, infoKeys), scalarMembers(qemu, infoKeys)) << zarn << "\n" << qemu;
+    for (const char* text : {"\"format\": \"vmdk\"", "\"create-type\": ", "\"type\": \"vmdk\""}) {
+      EXPECT_NE(zarn.find(text), std::string::npos) << text << "\n" << zarn;
+    }
+  }
+  const std::string child = zarnImg("info --output=json child.vmdk");
+  EXPECT_NE(child.find("\"backing-filename\": \"q.vmdk\""), std::string::npos) << child;
+  EXPECT_NE(child.find("\"backing-filename-format\": \"vmdk\""), std::string::npos) << child;
 }
 
 }  // namespace

@@ -95,30 +95,57 @@ void CArguments::expectPositional(size_t min, size_t max, const std::string& nam
 }
 
 int64_t parseSize(const std::string& command, const std::string& what, const std::string& text) {
-  size_t digits = 0;
-  while (digits < text.size() && std::isdigit(static_cast<unsigned char>(text[digits]))) ++digits;
-  int shift = -1;
-  if (digits > 0 && digits == text.size()) {
-    shift = 0;
-  } else if (digits > 0 && digits + 1 == text.size()) {
-    switch (std::toupper(static_cast<unsigned char>(text[digits]))) {
+  const std::string bad =
+      "invalid " + what + " '" + text + "': expecting bytes, or a number with K, M, G, T, P or E (1.5G)";
+  size_t at = 0;
+  while (at < text.size() && std::isspace(static_cast<unsigned char>(text[at]))) ++at;
+  const size_t wholeStart = at;
+  while (at < text.size() && std::isdigit(static_cast<unsigned char>(text[at]))) ++at;
+  const std::string whole = text.substr(wholeStart, at - wholeStart);
+  std::string fraction;
+  const bool hasPoint = at < text.size() && text[at] == '.';
+  if (hasPoint) {
+    const size_t fractionStart = ++at;
+    while (at < text.size() && std::isdigit(static_cast<unsigned char>(text[at]))) ++at;
+    fraction = text.substr(fractionStart, at - fractionStart);
+  }
+  int shift = 0;
+  if (at + 1 == text.size()) {
+    switch (std::toupper(static_cast<unsigned char>(text[at]))) {
+      case 'B': shift = 0; break;
       case 'K': shift = 10; break;
       case 'M': shift = 20; break;
       case 'G': shift = 30; break;
       case 'T': shift = 40; break;
-      default: break;
+      case 'P': shift = 50; break;
+      case 'E': shift = 60; break;
+      default: throw CUsageError(command, bad);
     }
+    ++at;
   }
-  const std::string bad = "invalid " + what + " '" + text + "': expecting bytes, or a number with K, M, G or T";
-  if (shift < 0) throw CUsageError(command, bad);
-  const int64_t limit = std::numeric_limits<int64_t>::max() >> shift;
+  // A fraction of a byte means nothing; a fraction of a bigger unit rounds.
+  if (whole.empty() || at != text.size() || (hasPoint && shift == 0)) throw CUsageError(command, bad);
+  const std::string tooLarge = "invalid " + what + " '" + text + "': too large";
+  constexpr int64_t kMax = std::numeric_limits<int64_t>::max();
+  const int64_t limit = kMax >> shift;
   int64_t value = 0;
-  for (size_t i = 0; i < digits; ++i) {
-    const int digit = text[i] - '0';
-    if (value > (limit - digit) / 10) throw CUsageError(command, "invalid " + what + " '" + text + "': too large");
+  for (char c : whole) {
+    const int digit = c - '0';
+    if (digit > limit || value > (limit - digit) / 10) throw CUsageError(command, tooLarge);
     value = value * 10 + digit;
   }
-  return value << shift;
+  value <<= shift;
+  // Only the first 18 digits of a fraction can change the result by a byte.
+  fraction.resize(std::min<size_t>(fraction.size(), 18));
+  if (!fraction.empty()) {
+    unsigned __int128 numerator = std::stoull(fraction);
+    unsigned __int128 denominator = 1;
+    for (size_t i = 0; i < fraction.size(); ++i) denominator *= 10;
+    const unsigned __int128 part = ((numerator << shift) + denominator / 2) / denominator;
+    if (part > static_cast<unsigned __int128>(kMax - value)) throw CUsageError(command, tooLarge);
+    value += static_cast<int64_t>(part);
+  }
+  return value;
 }
 
 int64_t parseCount(const std::string& command, const std::string& what, const std::string& text, int64_t min,
@@ -146,13 +173,19 @@ const char* getDiskOptionsHelp() {
          "  subformat=monolithicSparse|twoGbMaxExtentSparse|streamOptimized\n"
          "                        one file / split files / compressed grains\n"
          "                        (default monolithicSparse)\n"
-         "  split-size=SIZE       largest size of one file (default 2G for\n"
-         "                        twoGbMaxExtentSparse; splits streamOptimized too)\n"
+         "  split-size=SIZE       largest size of one file, metadata included\n"
+         "                        (default 2G for twoGbMaxExtentSparse; splits\n"
+         "                        streamOptimized too)\n"
          "  compression-level=N   deflate level 0 to 9 of streamOptimized\n"
          "  backing-file=PATH     makes a differencing disk over PATH, relative\n"
          "                        to the new disk's folder; PATH is stored as given\n"
+         "  backing_file=PATH     the same, as qemu-img spells it\n"
+         "  backing_fmt=vmdk      accepted for qemu-img's sake; only vmdk\n"
          "  on-demand=on|off      split disks: extent files made on first write\n"
-         "  encrypted=on|off      AES-256 with a password (see PASSWORDS)\n"
+         "  encrypted=on|off      AES-256 with the run's password (--password-file,\n"
+         "                        ZARN_PASSWORD or a prompt; see 'zarn-img --help').\n"
+         "                        A child of an encrypted disk is encrypted with it\n"
+         "                        unless encrypted=off says otherwise\n"
          "  confine=DIR           every file of the disk must lie under DIR\n";
 }
 
@@ -192,9 +225,11 @@ void parseDiskOptions(const std::string& command, const std::string& text, CDisk
       splitGiven = true;
     } else if (key == "compression-level") {
       options.compressionLevel = static_cast<int>(parseCount(command, "compression-level", value, 0, 9));
-    } else if (key == "backing-file") {
-      if (value.empty()) throw CUsageError(command, "backing-file needs a path");
+    } else if (key == "backing-file" || key == "backing_file") {
+      if (value.empty()) throw CUsageError(command, key + " needs a path");
       options.backingFile = value;
+    } else if (key == "backing_fmt" || key == "backing-fmt") {
+      if (value != "vmdk") throw CUsageError(command, "invalid " + key + " '" + value + "': a parent is a vmdk disk");
     } else if (key == "on-demand") {
       options.onDemand = parseOnOff(command, key, value);
     } else if (key == "encrypted") {

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -62,9 +63,10 @@ class CArguments {
   bool wantsHelp_ = false;
 };
 
-// "123", "64K", "10M", "2G", "1T" (either case; powers of 1024) as bytes.
-// Raises CUsageError naming `what` on anything else, a negative value or one
-// beyond 2^63.
+// "123", "12b", "64K", "1.5G", "2T", "1P", "1E" (either case; powers of 1024)
+// as bytes, as qemu-img reads them: a fraction needs a suffix above bytes and
+// is rounded to the nearest byte. Raises CUsageError naming `what` on anything
+// else, a negative value or one beyond 2^63 - 1.
 int64_t parseSize(const std::string& command, const std::string& what, const std::string& text);
 // A decimal count from `min` to `max`; CUsageError otherwise.
 int64_t parseCount(const std::string& command, const std::string& what, const std::string& text, int64_t min,
@@ -77,7 +79,8 @@ struct CDiskOptions {
   int compressionLevel = -1;
   std::string backingFile;  // empty: no parent
   bool onDemand = false;
-  bool encrypted = false;
+  // Unset: encrypted when the backing file is, else clear.
+  std::optional<bool> encrypted;
   std::string confine;  // empty: the whole file system
   // Whether anything but confine was set: those only shape a new disk.
   bool setsCreation = false;

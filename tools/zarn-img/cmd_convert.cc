@@ -16,8 +16,8 @@ namespace zarn_img {
 namespace {
 
 const char* const kConvertHelp =
-    "Usage: zarn-img convert [-f raw|vmdk] [-O raw|vmdk] [-o OPTIONS] [-p] [-j THREADS]\n"
-    "                        [-n] [--password-file F] [--confine DIR] SOURCE TARGET\n"
+    "Usage: zarn-img convert [-U] [-f raw|vmdk] [-O raw|vmdk] [-o OPTIONS] [-p] [-j THREADS]\n"
+    "                        [-n] [-q] [--password-file F] [--confine DIR] SOURCE TARGET\n"
     "\n"
     "Copies the content of SOURCE into TARGET, grain by grain. Zero grains are\n"
     "passed over: a raw TARGET is a sparse file. Between two VMDK disks with the\n"
@@ -40,46 +40,9 @@ const char* const kConvertHelp =
     "  -p                    show progress on stderr\n"
     "  -j THREADS            compress or decompress on THREADS threads (1 to 16)\n"
     "  -n                    write into the existing TARGET instead of making it\n"
-    "                        anew; afterwards it reads exactly as SOURCE\n";
-
-// How much of a file the probe reads: a descriptor's header lines and its
-// first extent lines stand in its first few KiB.
-constexpr int kProbeBytes = 8192;
-
-bool startsWithWord(const std::string& line, size_t& at, const char* word) {
-  const size_t length = std::strlen(word);
-  if (line.compare(at, length, word) != 0) return false;
-  at += length;
-  return true;
-}
-
-size_t skipBlanks(const std::string& line, size_t at) {
-  while (at < line.size() && (line[at] == ' ' || line[at] == '\t')) ++at;
-  return at;
-}
-
-// A line "createType=..." (any case, blanks around the "=") or an extent line
-// "RW 2048 SPARSE "name"".
-bool isDescriptorLine(const std::string& line) {
-  size_t at = skipBlanks(line, 0);
-  std::string lower;
-  for (char c : line.substr(at, 10)) lower += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  if (lower == "createtype" && skipBlanks(line, at + 10) < line.size() && line[skipBlanks(line, at + 10)] == '=') {
-    return true;
-  }
-  if (!startsWithWord(line, at, "RW") && !startsWithWord(line, at, "RDONLY") &&
-      !startsWithWord(line, at, "NOACCESS")) {
-    return false;
-  }
-  size_t next = skipBlanks(line, at);
-  if (next == at || next >= line.size() || !std::isdigit(static_cast<unsigned char>(line[next]))) return false;
-  while (next < line.size() && std::isdigit(static_cast<unsigned char>(line[next]))) ++next;
-  at = skipBlanks(line, next);
-  if (at == next) return false;
-  while (at < line.size() && std::isalpha(static_cast<unsigned char>(line[at]))) ++at;
-  next = skipBlanks(line, at);
-  return next > at && next < line.size() && line[next] == '"';
-}
+    "                        anew; afterwards it reads exactly as SOURCE\n"
+    "  -U, --force-share     read SOURCE without taking its lock, while another\n"
+    "                        process may write it (with a warning)\n";
 
 bool endsWithVmdk(const std::string& path) {
   if (path.size() < 5) return false;
@@ -88,72 +51,38 @@ bool endsWithVmdk(const std::string& path) {
   return tail == ".vmdk";
 }
 
-// Whether the file is meant to be a VMDK disk: by its name, or by its first
-// bytes (the magic of a sparse extent, plain or encrypted, or the lines of a
-// descriptor). Such a file is opened as a disk or refused, never taken for
-// raw bytes because it is damaged.
+}  // namespace
+
 bool looksLikeVmdk(CToolContext& context, const kx::CURI& uri, const std::string& path) {
-  if (endsWithVmdk(path)) return true;
-  int flags = 0;
-  kx::P<kx::IIOStream> stream = context.getFileSystem()->openFile(uri, kx::IIOStream::ACCESS_READ, flags);
-  std::string head(kProbeBytes, '\0');
-  head.resize(static_cast<size_t>(std::max(0, stream->readLax(&head[0], kProbeBytes))));
-  if (head.size() >= 4) {
-    const uint32_t magic = static_cast<uint32_t>(static_cast<unsigned char>(head[0])) |
-                           static_cast<uint32_t>(static_cast<unsigned char>(head[1])) << 8 |
-                           static_cast<uint32_t>(static_cast<unsigned char>(head[2])) << 16 |
-                           static_cast<uint32_t>(static_cast<unsigned char>(head[3])) << 24;
-    if (magic == zarn::CVMDKSparseExtentHeader::kMagic || magic == zarn::CVMDKSparseExtentHeader::kMagicEncrypted) {
-      return true;
-    }
-  }
-  if (head.compare(0, 21, "# Disk DescriptorFile") == 0) return true;
-  for (size_t start = 0; start < head.size();) {
-    size_t end = head.find('\n', start);
-    if (end == std::string::npos) end = head.size();
-    if (isDescriptorLine(head.substr(start, end - start))) return true;
-    start = end + 1;
-  }
-  return false;
+  return endsWithVmdk(path) || context.startsLikeVmdk(uri);
 }
 
-// Opens a file that looks like a disk, with a way out for one that doesn't
-// open: `option` copies it as bytes.
 kx::P<zarn::CVMDKDisk> openLookalike(CToolContext& context, const kx::CURI& uri, const std::string& path,
-                                     kx::IIOStream::Access access, const char* option) {
+                                     kx::IIOStream::Access access, const char* option,
+                                     std::vector<CChainLevel>* chain) {
   try {
-    return context.openDiskChecked(uri, access, path);
+    return context.openDiskChecked(uri, access, path, chain);
   } catch (const kx::CError& error) {
     if (isRefusalOfTheUser(error) || !context.getFileSystem()->fileExists(uri)) throw;
-    std::string reason = error.getMessage().toUTF8();
+    std::string reason = context.describe(error);
+    if (reason.compare(0, path.size() + 1, path + " ") != 0) reason = path + " doesn't open as a VMDK disk: " + reason;
     if (!reason.empty() && reason.back() == '.') reason.pop_back();
-    if (!error.getProps().isEmpty()) reason += " (" + error.getProps().toString().toUTF8() + ")";
-    throw kx::CError(kx::String::fromUTF8(path + " doesn't open as a VMDK disk: " + reason + "; use " + option +
-                                          " raw to " + (access == kx::IIOStream::ACCESS_READ ? "copy" : "write") +
+    throw kx::CError(kx::String::fromUTF8(reason + "; use " + option + " raw to " +
+                                          (access == kx::IIOStream::ACCESS_READ ? "copy" : "write") +
                                           " its bytes as they are"));
   }
 }
 
-bool hasFileSystemProblem(const kx::CError& error, int problem) {
-  for (const kx::CError* e = &error; e; e = e->getInner()) {
-    const auto* fsError = dynamic_cast<const kx::CFileSystemError*>(e);
-    if (fsError && fsError->getProblem() == problem) return true;
-  }
-  return false;
-}
-
-std::string checkFormat(const std::string& format) {
+std::string checkFormat(const std::string& command, const std::string& format) {
   if (format != "raw" && format != "vmdk") {
-    throw CUsageError("convert", "unknown format '" + format + "': expecting raw or vmdk");
+    throw CUsageError(command, "unknown format '" + format + "': expecting raw or vmdk");
   }
   return format;
 }
 
-}  // namespace
-
 int runConvert(CToolContext& context, const Args& args) {
   const CArguments arguments("convert",
-                             withCommonOptions({{'f', "source-format", true, false},
+                             withReadingOptions({{'f', "source-format", true, false},
                                                 {'O', "target-format", true, false},
                                                 {'o', "options", true, true},
                                                 {'p', "progress", false, false},
@@ -176,14 +105,16 @@ int runConvert(CToolContext& context, const Args& args) {
   const bool noCreate = arguments.has("no-create");
   CConvertSettings settings;
   settings.threads = static_cast<int>(parseCount("convert", "thread count", arguments.get("threads", "1"), 1, 16));
-  settings.showProgress = arguments.has("progress");
+  settings.showProgress = arguments.has("progress") && !isQuiet(arguments);
   if (noCreate && options.setsCreation) throw CUsageError("convert", "-n writes into an existing target: -o can only confine");
-  std::string sourceFormat = arguments.has("source-format") ? checkFormat(arguments.get("source-format")) : "";
-  std::string targetFormat = arguments.has("target-format") ? checkFormat(arguments.get("target-format")) : "";
+  std::string sourceFormat = arguments.has("source-format") ? checkFormat("convert", arguments.get("source-format")) : "";
+  std::string targetFormat = arguments.has("target-format") ? checkFormat("convert", arguments.get("target-format")) : "";
   applyCommonOptions(context, arguments, options.confine);
 
   const kx::CURI sourceURI = CToolContext::pathToURI(sourcePath);
   const kx::CURI targetURI = CToolContext::pathToURI(targetPath);
+  context.setDisplayName(sourceURI, sourcePath);
+  context.setDisplayName(targetURI, targetPath);
   if (sourceURI == targetURI) throw kx::CError("SOURCE and TARGET are the same file.");
   const bool sourceIsVmdk =
       sourceFormat.empty() ? looksLikeVmdk(context, sourceURI, sourcePath) : sourceFormat == "vmdk";
@@ -196,8 +127,14 @@ int runConvert(CToolContext& context, const Args& args) {
   CConvertEnds ends;
   int flags = 0;
   if (sourceIsVmdk) {
-    ends.sourceDisk = openLookalike(context, sourceURI, sourcePath, kx::IIOStream::ACCESS_READ, "-f");
+    std::vector<CChainLevel> chain;
+    ends.sourceDisk = openLookalike(context, sourceURI, sourcePath, kx::IIOStream::ACCESS_READ, "-f", &chain);
     ends.sourceSizeBytes = ends.sourceDisk->getSizeBytes();
+    for (const CChainLevel& level : chain) {
+      ends.sourceChainStoresAlike = ends.sourceChainStoresAlike &&
+                                    level.disk->getGrainSizeBytes() == ends.sourceDisk->getGrainSizeBytes() &&
+                                    level.disk->getCompressed() == ends.sourceDisk->getCompressed();
+    }
   } else {
     ends.sourceRaw = context.getFileSystem()->openFile(sourceURI, kx::IIOStream::ACCESS_READ, flags);
     ends.sourceSizeBytes = ends.sourceRaw->getLength();
@@ -220,7 +157,7 @@ int runConvert(CToolContext& context, const Args& args) {
     checkInterrupted();
     if (!noCreate) made = std::make_unique<CNewTarget>(context, targetURI);
     if (targetIsVmdk && !noCreate) {
-      ends.targetDisk = createDisk(context, targetPath, ends.sourceSizeBytes, options);
+      ends.targetDisk = createDisk(context, targetPath, ends.sourceSizeBytes, options, isQuiet(arguments));
       // Nothing can have recorded the content ID of a disk made a moment ago:
       // it needn't change, which saves a descriptor store and a device flush.
       ends.targetDisk->setContentIDUpdatesEnabled(false);

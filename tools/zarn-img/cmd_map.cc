@@ -5,17 +5,101 @@
 #include "commands.h"
 #include "interrupt.h"
 #include "json.h"
+#include "kx/data_stream.h"
 #include "kx/error.h"
 #include "zarn/descriptor.h"
+#include "zarn/extent_info.h"
+#include "zarn/file_reference.h"
+#include "zarn/grain_directory.h"
+#include "zarn/grain_table_cache.h"
+#include "zarn/sparse_extent_header.h"
 
 namespace zarn_img {
 
 namespace {
 
+constexpr int64_t kSectorBytes = 512;
+
 struct CRun {
   int64_t start;
   int64_t length;
   int depth;
+  bool data;           // some level of the chain holds it; else it reads as zeros
+  int64_t offset;      // where the bytes of `start` lie in `file`; -1 unknown
+  std::string file;    // the file that holds the bytes; empty for zeros
+};
+
+// Where the grains of one disk lie in its extent files. Only plain extents
+// (neither compressed nor encrypted) keep a grain's bytes as they read; for
+// the others no offset is given, as the bytes there mean nothing by
+// themselves.
+class CGrainLocator {
+ public:
+  CGrainLocator(CToolContext& context, const CChainLevel& level) : context_(context) {
+    const kx::P<zarn::CVMDKDescriptor> descriptor = level.disk->getDescriptor();
+    plain_ = !level.disk->getCompressed() && descriptor->getKxEncryptionAlgorithm().isEmpty();
+    kx::TArray<kx::P<zarn::CVMDKExtentInfo>> extents;
+    descriptor->getExtentEntries(extents);
+    const kx::CURI folder = level.disk->getMainFileURI().getParent();
+    int64_t start = 0;
+    for (const auto& extent : extents) {
+      extents_.push_back({start, extent->getSizeSectors() * kSectorBytes,
+                          zarn::vmdkFileReferenceToURI(folder, extent->getFilename()).toNormalized()});
+      start += extent->getSizeSectors() * kSectorBytes;
+    }
+  }
+
+  // The file and offset of the byte at disk `position`, a grain that the disk
+  // holds itself; false when there is none to give.
+  bool locate(int64_t position, std::string& file, int64_t& offset) {
+    if (!plain_) return false;
+    const auto extent = std::find_if(extents_.begin(), extents_.end(), [position](const CExtent& e) {
+      return position >= e.startBytes && position < e.startBytes + e.sizeBytes;
+    });
+    if (extent == extents_.end()) return false;
+    const size_t index = static_cast<size_t>(extent - extents_.begin());
+    if (index != openIndex_) open(index);
+    const int64_t within = position - extent->startBytes;
+    int64_t slotSectors = 0;
+    int64_t slotSize = 0;
+    directory_->getGrainInfo(within / grainBytes_, slotSectors, slotSize);
+    if (slotSectors <= 0) return false;
+    file = context_.getDisplayName(extent->uri);
+    offset = slotSectors * kSectorBytes + within % grainBytes_;
+    return true;
+  }
+
+ private:
+  struct CExtent {
+    int64_t startBytes;
+    int64_t sizeBytes;
+    kx::CURI uri;
+  };
+
+  void open(size_t index) {
+    directory_ = nullptr;
+    int flags = 0;
+    stream_ = context_.getFileSystem()->openFile(extents_[index].uri, kx::IIOStream::ACCESS_READ, flags);
+    zarn::CVMDKSparseExtentHeader header;
+    kx::CDataInStream in(*stream_);
+    header.load(in);
+    grainBytes_ = static_cast<int64_t>(header.getGrainSizeSectors()) * kSectorBytes;
+    directory_ = kx::create<zarn::CVMDKGrainDirectory>(
+        stream_.get(), kx::IIOStream::ACCESS_READ, static_cast<int64_t>(header.getGrainDirectoryOffsetSectors()),
+        static_cast<int64_t>(header.getRedundantGrainDirectoryOffsetSectors()),
+        static_cast<int64_t>(header.getCapacitySectors()), static_cast<int64_t>(header.getGrainSizeSectors()),
+        static_cast<int32_t>(header.getGrainTableEntryCount()), false, cache_.get());
+    openIndex_ = index;
+  }
+
+  CToolContext& context_;
+  bool plain_ = false;
+  std::vector<CExtent> extents_;
+  size_t openIndex_ = static_cast<size_t>(-1);
+  kx::P<zarn::CVMDKGrainTableCache> cache_ = kx::create<zarn::CVMDKGrainTableCache>();
+  kx::P<kx::IIOStream> stream_;
+  kx::P<zarn::CVMDKGrainDirectory> directory_;
+  int64_t grainBytes_ = 0;
 };
 
 // Where the grain at `position` comes from: the depth of the first disk of
@@ -35,16 +119,19 @@ int findDepth(const std::vector<CChainLevel>& chain, int64_t position) {
 }  // namespace
 
 int runMap(CToolContext& context, const Args& args) {
-  const CArguments arguments("map", withCommonOptions({{0, "output", true, false}}), args);
+  const CArguments arguments("map", withReadingOptions({{0, "output", true, false}}), args);
   if (arguments.wantsHelp()) {
     std::printf(
-        "Usage: zarn-img map [--output=human|json] [--password-file F] [--confine DIR] FILE\n"
+        "Usage: zarn-img map [-U] [--output=human|json] [--password-file F] [--confine DIR] FILE\n"
         "\n"
         "Lists the allocated runs of the disk FILE and where each comes from:\n"
         "depth 0 is FILE itself, 1 its parent, and so on. Runs not listed read\n"
-        "as zeros.\n"
-        "\n%s",
-        kCommonHelp);
+        "as zeros. The JSON form lists every run, allocated or not, with\n"
+        "qemu-img's fields (start, length, depth, present, zero, data, and the\n"
+        "offset in the extent file named by filename where the grain is stored\n"
+        "neither compressed nor encrypted).\n"
+        "\n%s%s",
+        getForceShareHelp(), kCommonHelp);
     return 0;
   }
   const bool json = parseOutputFormat(arguments);
@@ -52,19 +139,30 @@ int runMap(CToolContext& context, const Args& args) {
   applyCommonOptions(context, arguments);
   std::vector<CChainLevel> chain;
   context.openDiskChecked(arguments.positional()[0], kx::IIOStream::ACCESS_READ, &chain);
+  std::vector<CGrainLocator> locators;
+  for (const CChainLevel& level : chain) locators.emplace_back(context, level);
   const int64_t size = chain[0].disk->getSizeBytes();
   const int64_t grain = chain[0].disk->getGrainSizeBytes();
+  const int bottom = static_cast<int>(chain.size()) - 1;
   std::vector<CRun> runs;
   for (int64_t position = 0; position < size; position += grain) {
     checkInterrupted();
     const int depth = findDepth(chain, position);
-    if (depth < 0) continue;
-    const int64_t length = std::min(grain, size - position);
-    if (!runs.empty() && runs.back().depth == depth && runs.back().start + runs.back().length == position) {
-      runs.back().length += length;
-    } else {
-      runs.push_back({position, length, depth});
+    CRun run{position, std::min(grain, size - position), depth < 0 ? bottom : depth, depth >= 0, -1, std::string()};
+    if (run.data && !locators[static_cast<size_t>(depth)].locate(position, run.file, run.offset)) {
+      run.file = chain[static_cast<size_t>(depth)].name;
     }
+    if (!runs.empty()) {
+      CRun& last = runs.back();
+      const bool sameKind = last.depth == run.depth && last.data == run.data && last.file == run.file &&
+                            (last.offset < 0) == (run.offset < 0);
+      if (sameKind && last.start + last.length == position &&
+          (run.offset < 0 || last.offset + last.length == run.offset)) {
+        last.length += run.length;
+        continue;
+      }
+    }
+    runs.push_back(run);
   }
   if (json) {
     CJsonWriter out;
@@ -74,17 +172,32 @@ int runMap(CToolContext& context, const Args& args) {
       out.addNumber("start", run.start);
       out.addNumber("length", run.length);
       out.addNumber("depth", run.depth);
-      out.addString("filename", chain[run.depth].name);
+      out.addBool("present", run.data);
+      out.addBool("zero", !run.data);
+      out.addBool("data", run.data);
+      if (run.offset >= 0) out.addNumber("offset", run.offset);
+      if (run.data) out.addString("filename", run.file);
       out.endObject();
     }
     out.endArray();
     std::fputs(out.getText().c_str(), stdout);
     return 0;
   }
-  std::printf("%-16s%-16s%-7s%s\n", "Offset", "Length", "Depth", "File");
+  // By disk: the runs of one depth that follow each other are one line.
+  std::vector<CRun> lines;
   for (const CRun& run : runs) {
-    std::printf("0x%-14llx0x%-14llx%-7d%s\n", static_cast<unsigned long long>(run.start),
-                static_cast<unsigned long long>(run.length), run.depth, chain[run.depth].name.c_str());
+    if (!run.data) continue;
+    if (!lines.empty() && lines.back().depth == run.depth && lines.back().start + lines.back().length == run.start) {
+      lines.back().length += run.length;
+    } else {
+      lines.push_back(run);
+    }
+  }
+  std::printf("%-16s%-16s%-7s%s\n", "Offset", "Length", "Depth", "File");
+  for (const CRun& line : lines) {
+    std::printf("0x%-14llx0x%-14llx%-7d%s\n", static_cast<unsigned long long>(line.start),
+                static_cast<unsigned long long>(line.length), line.depth,
+                chain[static_cast<size_t>(line.depth)].name.c_str());
   }
   return 0;
 }

@@ -11,7 +11,7 @@ int runRebase(CToolContext& context, const Args& args) {
   const CArguments arguments("rebase", withCommonOptions({{'b', "backing", true, false}}), args);
   if (arguments.wantsHelp()) {
     std::printf(
-        "Usage: zarn-img rebase -b PARENT_REFERENCE [--password-file F] [--confine DIR] FILE\n"
+        "Usage: zarn-img rebase -b PARENT_REFERENCE [-q] [--password-file F] [--confine DIR] FILE\n"
         "\n"
         "Changes the reference of the differencing disk FILE to its parent, for a\n"
         "parent that was moved or renamed. PARENT_REFERENCE is stored as given and\n"

@@ -66,7 +66,7 @@ int runWrite(CToolContext& context, const Args& args) {
   const CArguments arguments("write", withCommonOptions({{0, "offset", true, false}}), args);
   if (arguments.wantsHelp()) {
     std::printf(
-        "Usage: zarn-img write [--offset BYTES] [--password-file F] [--confine DIR] FILE INPUT\n"
+        "Usage: zarn-img write [--offset BYTES] [-q] [--password-file F] [--confine DIR] FILE INPUT\n"
         "\n"
         "Writes the bytes of INPUT (a file, or - for stdin) into the disk FILE from\n"
         "byte BYTES on (default 0; suffixes K, M, G, T), at any alignment. In a\n"
@@ -108,7 +108,9 @@ int runWrite(CToolContext& context, const Args& args) {
     if (got < wanted) break;
   }
   disk->flushChanges();
-  std::printf("wrote %lld bytes at offset %lld\n", static_cast<long long>(written), static_cast<long long>(offset));
+  if (!isQuiet(arguments)) {
+    std::printf("wrote %lld bytes at offset %lld\n", static_cast<long long>(written), static_cast<long long>(offset));
+  }
   return 0;
 }
 

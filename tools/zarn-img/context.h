@@ -1,9 +1,11 @@
 // What every command of zarn-img shares: the file system (the local one, or
-// confined to a folder), names turned into URIs, passwords, and disks opened
-// with a password asked for only when the disk wants one.
+// confined to a folder), names turned into URIs and back into the names the
+// user typed, passwords, and disks opened with a password asked for only when
+// the disk or one of its parents wants one.
 #pragma once
 
 #include <exception>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -18,7 +20,7 @@ namespace zarn_img {
 // level 1, and so on.
 struct CChainLevel {
   kx::P<zarn::CVMDKDisk> disk;
-  std::string name;  // as the user gave it for level 0, else the local path
+  std::string name;  // as the user gave it for level 0, else see getDisplayName
 };
 
 class CToolContext {
@@ -28,23 +30,46 @@ class CToolContext {
   // opened.
   void setConfine(const std::string& folder);
   kx::IFileSystem* getFileSystem();
+  // With `on`, disks opened read-only from now on take no lock: their lock
+  // files are opened as always, but locking them does nothing. Warns once on
+  // stderr that a disk written meanwhile may read inconsistently.
+  void setForceShare(bool on);
   CPasswordSource& getPasswords() { return passwords_; }
 
   // A path, made absolute against the working folder and normalized, as a
   // "file:" URI.
   static kx::CURI pathToURI(const std::string& path);
-  // The local path of a "file:" URI, for messages and listings.
+  // The local path of a "file:" URI.
   static std::string uriToPath(const kx::CURI& uri);
+
+  // Messages name `uri` as `name` from now on (the path the user typed).
+  void setDisplayName(const kx::CURI& uri, const std::string& name);
+  // How messages name a file: as the user typed it; a file beside one the
+  // user typed with the same folder part; else its path relative to the
+  // working folder when it lies under it, else its absolute path.
+  std::string getDisplayName(const kx::CURI& uri) const;
+  // "message (key: value, ...)" of a kx::CError with every URI of the message
+  // and its properties shown by getDisplayName, and a property left out whose
+  // file the message names already; what() of anything else. A refusal of
+  // --confine names the disk's file, not the lock file beside it.
+  std::string describe(const std::exception& error) const;
 
   // Opens the disk at `path`. An encrypted disk (or an encrypted parent met
   // on the way) that got no password from the file or the environment is
-  // opened again after a prompt on the terminal.
+  // opened again after a prompt on the terminal. A file that isn't a VMDK
+  // disk by its first bytes is refused as such, whatever else failed.
   kx::P<zarn::CVMDKDisk> openDisk(const std::string& path, kx::IIOStream::Access access);
   kx::P<zarn::CVMDKDisk> openDisk(const kx::CURI& uri, kx::IIOStream::Access access, const std::string& name);
+  // Opens the disk at `uri` over `parent`, an open disk that it reads
+  // through instead of the one its descriptor names (see the CVMDKDisk
+  // constructor); with the password the run knows by now.
+  kx::P<zarn::CVMDKDisk> openDiskOver(const kx::CURI& uri, kx::IIOStream::Access access, zarn::CVMDKDisk* parent);
   // Opens the disk as every command does that reads or writes one, and
   // checks, before anything is written, what reading will rely on later, so
   // that every command reaches the same verdict on the same file (see
-  // checkOpenedDisk). The chain, level 0 first, goes to `chain` if given.
+  // checkOpenedDisk). The chain, level 0 first, goes to `chain` if given. A
+  // disk whose parent asked for the password is opened again with it, so
+  // that it can read through the parent.
   kx::P<zarn::CVMDKDisk> openDiskChecked(const std::string& path, kx::IIOStream::Access access,
                                          std::vector<CChainLevel>* chain = nullptr);
   kx::P<zarn::CVMDKDisk> openDiskChecked(const kx::CURI& uri, kx::IIOStream::Access access, const std::string& name,
@@ -68,10 +93,20 @@ class CToolContext {
 
   // The size of a file in bytes, -1 when it doesn't exist.
   int64_t getFileSize(const kx::CURI& uri);
+  // Whether the first bytes of the file are those of a VMDK disk: the magic
+  // of a sparse extent (plain or encrypted), or descriptor lines
+  // ("# Disk DescriptorFile", "createType=", an extent line) in its first
+  // 8 KiB.
+  bool startsLikeVmdk(const kx::CURI& uri);
 
  private:
+  kx::IFileSystem* getFileSystemFor(kx::IIOStream::Access access);
+
   kx::P<kx::IFileSystem> fileSystem_;
+  kx::P<kx::IFileSystem> unlockedFileSystem_;  // over fileSystem_, with -U
+  bool forceShare_ = false;
   CPasswordSource passwords_;
+  std::map<std::string, std::string> displayNames_;  // by URI text
 };
 
 // Whether `error` is the refusal of an encrypted disk opened without password.
@@ -80,6 +115,8 @@ bool isMissingPasswordError(const kx::CError& error);
 // disk's content: a missing or wrong password, a lock held by somebody else,
 // a file the user may not open.
 bool isRefusalOfTheUser(const kx::CError& error);
+// Whether `error` or an error inside it is a file system error of `problem`.
+bool hasFileSystemProblem(const kx::CError& error, int problem);
 
 // "message (key: value, ...)" of a kx::CError, what() of anything else.
 std::string describeError(const std::exception& error);

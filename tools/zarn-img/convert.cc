@@ -29,6 +29,12 @@ uint32_t readLE32(const unsigned char* bytes) {
   return uint32_t{bytes[0]} | uint32_t{bytes[1]} << 8 | uint32_t{bytes[2]} << 16 | uint32_t{bytes[3]} << 24;
 }
 
+// Where in the source a grain failed: the file offset that the library names
+// means little to someone who knows the disk only as a run of bytes.
+void addDiskOffset(kx::CError& error, int64_t position) {
+  if (!error.getProps().has("diskOffset")) error.getParams().add("diskOffset", position);
+}
+
 bool isAllZero(const unsigned char* data, size_t size) {
   return size == 0 || (data[0] == 0 && std::memcmp(data, data + 1, size - 1) == 0);
 }
@@ -159,13 +165,23 @@ class CConverter {
     slot.zero = false;
     slot.staged = false;
     const bool whole = slot.length == grainBytes_;
+    try {
+      readSource(slot, position, whole);
+    } catch (kx::CError& error) {
+      addDiskOffset(error, position);
+      throw;
+    }
+  }
+
+  void readSource(CSlot& slot, int64_t position, bool whole) {
     if (zarn::CVMDKDisk* source = ends_.sourceDisk.get()) {
       source->seek(position);
       if (!source->isGrainWritten()) {
         slot.kind = CSlot::kAbsent;
       } else if (sourceCodecs_[0] && whole && source->readStoredGrainData(*slot.input)) {
         slot.kind = CSlot::kStored;
-      } else if ((move_ || unpack_) && whole) {
+      } else if ((move_ || unpack_) && whole &&
+                 (ends_.sourceChainStoresAlike || source->isGrainWrittenAndIndependentOfParent())) {
         source->seek(position);
         source->readPreparedGrainData(*slot.input);
         slot.kind = move_ ? CSlot::kMoved : CSlot::kPrepared;
@@ -215,9 +231,14 @@ class CConverter {
       return;
     }
     if (!slot.staged) {
-      slot.plain = slot.kind == CSlot::kPrepared
-                       ? sourcePreparers_[worker]->unprepareGrainData(slot.input.get(), slot.unpackAux.get())
-                       : slot.input;
+      try {
+        slot.plain = slot.kind == CSlot::kPrepared
+                         ? sourcePreparers_[worker]->unprepareGrainData(slot.input.get(), slot.unpackAux.get())
+                         : slot.input;
+      } catch (kx::CError& error) {
+        addDiskOffset(error, slot.position);
+        throw;
+      }
     }
     slot.zero = isAllZero(slot.data(), static_cast<size_t>(slot.length));
     if (!slot.zero && pack_) {

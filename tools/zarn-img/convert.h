@@ -13,6 +13,9 @@ namespace zarn_img {
 // source (longer for -n).
 struct CConvertEnds {
   kx::P<zarn::CVMDKDisk> sourceDisk;
+  // Whether every parent of the source stores grains as the source does: a
+  // grain of a parent that doesn't can't be read in the source's stored form.
+  bool sourceChainStoresAlike = true;
   kx::P<kx::IIOStream> sourceRaw;
   int64_t sourceSizeBytes = 0;
   kx::P<zarn::CVMDKDisk> targetDisk;

@@ -32,6 +32,10 @@ const CCommand kCommands[] = {
     {"map", runMap, "list the allocated runs of a disk and where they come from"},
     {"check", runCheck, "read every grain of a disk and report damage"},
     {"rebase", runRebase, "change the parent reference of a differencing disk"},
+    {"compare", runCompare, "tell whether two disks or images read the same"},
+    {"measure", runMeasure, "tell how many bytes a conversion into a new disk needs"},
+    {"commit", runCommit, "write the grains of a differencing disk into its parent"},
+    {"resize", runResize, "grow a disk where its grain tables have room"},
 };
 
 void printHelp() {
@@ -45,19 +49,32 @@ void printHelp() {
   for (const CCommand& command : kCommands) std::printf("  %-9s%s\n", command.name, command.summary);
   std::printf(
       "\n"
-      "  zarn-img create  [-o OPTIONS] FILE SIZE\n"
-      "  zarn-img convert [-f raw|vmdk] [-O raw|vmdk] [-o OPTIONS] [-p] [-j THREADS] [-n] SOURCE TARGET\n"
+      "  zarn-img create  [-f vmdk] [-o OPTIONS] [-b BACKING_FILE [-F vmdk]] FILE [SIZE]\n"
+      "  zarn-img convert [-U] [-f raw|vmdk] [-O raw|vmdk] [-o OPTIONS] [-p] [-j THREADS] [-n]\n"
+      "                   SOURCE TARGET\n"
       "  zarn-img write   [--offset BYTES] FILE INPUT\n"
-      "  zarn-img info    [--output=human|json] FILE\n"
-      "  zarn-img map     [--output=human|json] FILE\n"
-      "  zarn-img check   FILE\n"
+      "  zarn-img info    [-U] [--backing-chain] [--output=human|json] FILE\n"
+      "  zarn-img map     [-U] [--output=human|json] FILE\n"
+      "  zarn-img check   [-U] [--output=human|json] FILE\n"
       "  zarn-img rebase  -b PARENT_REFERENCE FILE\n"
+      "  zarn-img compare [-U] [-f raw|vmdk] [-F raw|vmdk] FILE1 FILE2\n"
+      "  zarn-img measure [--output=human|json] [-O raw|vmdk] [-o OPTIONS]\n"
+      "                   (--size SIZE | [-U] [-f raw|vmdk] FILE)\n"
+      "  zarn-img commit  [-p] FILE\n"
+      "  zarn-img resize  FILE [+]SIZE\n"
       "\n"
-      "Every command takes --password-file F and --confine DIR; 'zarn-img COMMAND\n"
-      "--help' tells more. SIZE takes the suffixes K, M, G, T (powers of 1024).\n"
+      "Every command takes --password-file F, --confine DIR and -q (quiet), and\n"
+      "'zarn-img COMMAND --help' tells more. SIZE takes the suffixes K, M, G, T,\n"
+      "P, E (powers of 1024) and fractions with them (1.5G).\n"
       "Exit status: 0 success, 1 error (info: also a disk whose parent chain is\n"
-      "broken), 2 bad usage (check: 2 damage found, 1 the disk doesn't open),\n"
-      "128 + signal when interrupted.\n"
+      "broken), 2 bad usage (check: 2 damage found, 1 the disk doesn't open;\n"
+      "compare: 0 the same, 1 different, 2 error), 128 + signal when interrupted.\n"
+      "\n"
+      "PASSWORDS: an encrypted disk takes its password from the file that\n"
+      "--password-file names (all of it but a final line end), else from the\n"
+      "environment variable ZARN_PASSWORD, else from a prompt on the terminal\n"
+      "without echo; never from an argument. One password serves a whole run:\n"
+      "source, target and every parent.\n"
       "\n"
       "An error is one line on stderr. ZARN_IMG_DEBUG=1 in the environment adds\n"
       "the library's own log lines, such as what failed after the first error.\n");
@@ -71,17 +88,23 @@ bool gDebug = false;
 // the only sign of a lost write, and it turns success into failure.
 std::mutex gLostWriteMutex;
 std::string gLostWrite;
+// Names files in log lines as the user typed them, once there is a command.
+const CToolContext* gContext = nullptr;
+
+std::string describeForUser(const std::exception& error) {
+  return gContext ? gContext->describe(error) : describeError(error);
+}
 
 void logToStderr(kx::LogLevel level, const kx::String& text, const std::exception* error) {
   std::string line = text.toUTF8();
-  if (error) line += ": " + describeError(*error);
+  if (error) line += ": " + describeForUser(*error);
   if (level == kx::LogLevel::Warning) {
     std::fprintf(stderr, "zarn-img: warning: %s\n", line.c_str());
     return;
   }
   if (level == kx::LogLevel::Error && text.StartsWith("Exception in destructor")) {
     std::lock_guard<std::mutex> lock(gLostWriteMutex);
-    if (gLostWrite.empty()) gLostWrite = error ? describeError(*error) : line;
+    if (gLostWrite.empty()) gLostWrite = error ? describeForUser(*error) : line;
   }
   if (gDebug) std::fprintf(stderr, "zarn-img: debug: %s\n", line.c_str());
 }
@@ -116,10 +139,14 @@ int main(int argc, char** argv) {
   for (const CCommand& candidate : kCommands) {
     if (name == candidate.name) command = &candidate;
   }
-  if (!command) return usageError("", "unknown command '" + name + "'");
+  if (!command) {
+    std::fprintf(stderr, "zarn-img: unknown command '%s'; see zarn-img --help\n", name.c_str());
+    return 2;
+  }
   int status;
+  CToolContext context;
+  gContext = &context;
   try {
-    CToolContext context;
     status = command->run(context, Args(all.begin() + 1, all.end()));
   } catch (const CUsageError& error) {
     return usageError(error.getCommand(), error.what());
@@ -127,7 +154,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "zarn-img: %s\n", error.what());
     return 128 + error.getSignal();
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "zarn-img: %s\n", describeError(error).c_str());
+    std::fprintf(stderr, "zarn-img: %s\n", context.describe(error).c_str());
     return 1;
   }
   std::lock_guard<std::mutex> lock(gLostWriteMutex);

@@ -24,6 +24,8 @@ class CPasswordSource {
   // differ). Empty when there is no source at all. Raises kx::CError when the
   // file can't be read.
   kx::String get(const std::string& prompt, bool confirm);
+  // Whether get() gave a password already, which it keeps giving.
+  bool isKnown() const { return known_; }
   // Whether get() could prompt.
   static bool hasTerminal();
 

@@ -1,0 +1,20 @@
+# Fails unless README.md shows the example of consumer.cc as it stands there:
+# the lines between its marker comments, as one ```cpp block.
+# cmake -DSOURCE_DIR=<tree> -P readme_example.cmake
+file(READ "${SOURCE_DIR}/tests/package/consumer.cc" consumer)
+file(READ "${SOURCE_DIR}/README.md" readme)
+set(begin "// README example begins\n")
+set(end "// README example ends\n")
+string(FIND "${consumer}" "${begin}" first)
+string(FIND "${consumer}" "${end}" last)
+if(first EQUAL -1 OR last EQUAL -1 OR last LESS first)
+  message(FATAL_ERROR "consumer.cc has no example between its markers")
+endif()
+string(LENGTH "${begin}" skip)
+math(EXPR first "${first} + ${skip}")
+math(EXPR length "${last} - ${first}")
+string(SUBSTRING "${consumer}" ${first} ${length} example)
+string(FIND "${readme}" "```cpp\n${example}```\n" at)
+if(at EQUAL -1)
+  message(FATAL_ERROR "README.md doesn't show the example of tests/package/consumer.cc as it stands there")
+endif()
