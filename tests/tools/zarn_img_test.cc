@@ -362,6 +362,7 @@ TEST_F(ZarnImgTest, EveryLayoutRoundTripsByteForByte) {
       {"-o subformat=streamOptimized,compression-level=9 -j 3", 1},
       {"-o subformat=streamOptimized,split-size=16M -j 2", 2},
       {"-o encrypted=on", 1},
+      {"-o subformat=streamOptimized,encrypted=on -j 2", 1},
       {"-o subformat=twoGbMaxExtentSparse,split-size=4M,on-demand=on", 4},
   };
   for (const auto& l : layouts) {

@@ -178,14 +178,22 @@ class CConverter {
       source->seek(position);
       if (!source->isGrainWritten()) {
         slot.kind = CSlot::kAbsent;
-      } else if (sourceCodecs_[0] && whole && source->readStoredGrainData(*slot.input)) {
-        slot.kind = CSlot::kStored;
-      } else if ((move_ || unpack_) && whole &&
-                 (ends_.sourceChainStoresAlike || source->isGrainWrittenAndIndependentOfParent())) {
+        return;
+      }
+      if (sourceCodecs_[0] && whole) {
+        if (source->readStoredGrainData(*slot.input)) {
+          slot.kind = CSlot::kStored;
+          return;
+        }
+        source->seek(position);  // no slot of its own: a parent's grain
+      }
+      if ((move_ || unpack_) && whole &&
+          (ends_.sourceChainStoresAlike || source->isGrainWrittenAndIndependentOfParent())) {
         source->seek(position);
         source->readPreparedGrainData(*slot.input);
         slot.kind = move_ ? CSlot::kMoved : CSlot::kPrepared;
       } else {
+        source->seek(position);
         source->read(plainDestination(slot), slot.length);
         slot.kind = CSlot::kPlain;
       }
