@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "commands.h"
+#include "foreign.h"
 #include "interrupt.h"
 #include "json.h"
 #include "kx/error.h"
@@ -147,9 +148,13 @@ int runCheck(CToolContext& context, const Args& args) {
   kx::P<zarn::CVMDKDisk> disk;
   try {
     disk = context.openDisk(path, kx::IIOStream::ACCESS_READ);
-  } catch (const kx::CIOError& error) {
+  } catch (const kx::CError& error) {
+    if (kx::P<zarn::CVMDKForeignDisk> foreign = openForeignAfter(context, path, error)) {
+      return checkForeign(context, *foreign, path, json);
+    }
     // A disk that the library refuses as damaged is damage found too.
-    if (error.getCode() != kx::IOERR_DAMAGED_DATA) throw;
+    const auto* damage = dynamic_cast<const kx::CIOError*>(&error);
+    if (!damage || damage->getCode() != kx::IOERR_DAMAGED_DATA) throw;
     report.damage = context.describe(error);
     return finish(false);
   }

@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "commands.h"
+#include "foreign.h"
 #include "convert.h"
 #include "interrupt.h"
 #include "kx/error.h"
@@ -63,7 +64,11 @@ kx::P<zarn::CVMDKDisk> openLookalike(CToolContext& context, const kx::CURI& uri,
   try {
     return context.openDiskChecked(uri, access, path, chain);
   } catch (const kx::CError& error) {
-    if (isRefusalOfTheUser(error) || !context.getFileSystem()->fileExists(uri)) throw;
+    const auto* unsupported = dynamic_cast<const kx::CIOError*>(&error);
+    if (isRefusalOfTheUser(error) || !context.getFileSystem()->fileExists(uri) ||
+        (unsupported && unsupported->getCode() == kx::IOERR_NOT_SUPPORTED)) {
+      throw;
+    }
     std::string reason = context.describe(error);
     if (reason.compare(0, path.size() + 1, path + " ") != 0) reason = path + " doesn't open as a VMDK disk: " + reason;
     if (!reason.empty() && reason.back() == '.') reason.pop_back();
@@ -128,8 +133,14 @@ int runConvert(CToolContext& context, const Args& args) {
   int flags = 0;
   if (sourceIsVmdk) {
     std::vector<CChainLevel> chain;
-    ends.sourceDisk = openLookalike(context, sourceURI, sourcePath, kx::IIOStream::ACCESS_READ, "-f", &chain);
-    ends.sourceSizeBytes = ends.sourceDisk->getSizeBytes();
+    try {
+      ends.sourceDisk = openLookalike(context, sourceURI, sourcePath, kx::IIOStream::ACCESS_READ, "-f", &chain);
+      ends.sourceSizeBytes = ends.sourceDisk->getSizeBytes();
+    } catch (const kx::CError& error) {
+      ends.sourceForeign = openForeignAfter(context, sourcePath, error);
+      if (!ends.sourceForeign) throw;
+      ends.sourceSizeBytes = ends.sourceForeign->getSizeBytes();
+    }
     for (const CChainLevel& level : chain) {
       ends.sourceChainStoresAlike = ends.sourceChainStoresAlike &&
                                     level.disk->getGrainSizeBytes() == ends.sourceDisk->getGrainSizeBytes() &&

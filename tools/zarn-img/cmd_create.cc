@@ -3,6 +3,7 @@
 #include <set>
 
 #include "commands.h"
+#include "foreign.h"
 #include "kx/error.h"
 #include "kx/log.h"
 #include "zarn/descriptor.h"
@@ -143,6 +144,14 @@ kx::P<zarn::CVMDKDisk> createDisk(CToolContext& context, const std::string& path
       parent = context.openDiskChecked(parentURI, kx::IIOStream::ACCESS_READ, options.backingFile);
     } catch (const kx::CError& error) {
       if (isRefusalOfTheUser(error)) throw;
+      // A child reads through its parent with the library's own reader, which
+      // a disk of another tool doesn't open.
+      if (kx::P<zarn::CVMDKForeignDisk> foreign = openForeignAfter(context, CToolContext::uriToPath(parentURI), error)) {
+        throw kx::CError(kx::String::fromUTF8(options.backingFile + " is a disk of another tool (" +
+                                              foreign->getForeignReason().toUTF8() +
+                                              "): a new disk can't read through it; convert it first, e.g. "
+                                              "zarn-img convert " + options.backingFile + " base.vmdk"));
+      }
       const std::string what = "Could not open backing file '" + options.backingFile + "'";
       if (hasFileSystemProblem(error, kx::FSPROB_NOT_FOUND) && !context.getFileSystem()->fileExists(parentURI)) {
         throw kx::CError(kx::String::fromUTF8(what + ": No such file or directory"));

@@ -5,6 +5,7 @@
 #include <set>
 
 #include "commands.h"
+#include "foreign.h"
 #include "json.h"
 #include "kx/error.h"
 #include "zarn/descriptor.h"
@@ -188,7 +189,13 @@ int runInfo(CToolContext& context, const Args& args) {
   const std::string& path = arguments.positional()[0];
   applyCommonOptions(context, arguments);
   std::vector<CChainLevel> chain;
-  context.openDiskChecked(path, kx::IIOStream::ACCESS_READ, &chain);
+  try {
+    context.openDiskChecked(path, kx::IIOStream::ACCESS_READ, &chain);
+  } catch (const kx::CError& error) {
+    kx::P<zarn::CVMDKForeignDisk> foreign = openForeignAfter(context, path, error);
+    if (!foreign) throw;
+    return showForeignInfo(context, *foreign, path, json);
+  }
   const size_t levels = arguments.has("backing-chain") ? chain.size() : 1;
   CJsonWriter out;
   if (json && levels > 1) out.beginArray();

@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "commands.h"
+#include "foreign.h"
 #include "interrupt.h"
 #include "json.h"
 #include "kx/data_stream.h"
@@ -138,7 +139,13 @@ int runMap(CToolContext& context, const Args& args) {
   arguments.expectPositional(1, 1, "FILE");
   applyCommonOptions(context, arguments);
   std::vector<CChainLevel> chain;
-  context.openDiskChecked(arguments.positional()[0], kx::IIOStream::ACCESS_READ, &chain);
+  try {
+    context.openDiskChecked(arguments.positional()[0], kx::IIOStream::ACCESS_READ, &chain);
+  } catch (const kx::CError& error) {
+    kx::P<zarn::CVMDKForeignDisk> foreign = openForeignAfter(context, arguments.positional()[0], error);
+    if (!foreign) throw;
+    return showForeignMap(context, *foreign, arguments.positional()[0], json);
+  }
   std::vector<CGrainLocator> locators;
   for (const CChainLevel& level : chain) locators.emplace_back(context, level);
   const int64_t size = chain[0].disk->getSizeBytes();

@@ -1,5 +1,7 @@
 #include "context.h"
 
+#include "foreign.h"
+
 #include <unistd.h>
 
 #include <algorithm>
@@ -350,6 +352,7 @@ kx::P<zarn::CVMDKDisk> CToolContext::openDisk(const kx::CURI& uri, kx::IIOStream
                                                     "file; -U reads it anyway"),
                                kx::CProps(), &error);
     }
+    if (access != kx::IIOStream::ACCESS_READ && !isRefusalOfTheUser(error)) refuseWritingIfForeign(*this, uri, name);
     if (!isRefusalOfTheUser(error) && getFileSystem()->fileExists(uri)) {
       bool vmdk = true;
       try {

@@ -98,9 +98,11 @@ class CToolContext {
   // ("# Disk DescriptorFile", "createType=", an extent line) in its first
   // 8 KiB.
   bool startsLikeVmdk(const kx::CURI& uri);
+  // The file system to open disks with for `access`: without the lock for
+  // readers under -U.
+  kx::IFileSystem* getFileSystemFor(kx::IIOStream::Access access);
 
  private:
-  kx::IFileSystem* getFileSystemFor(kx::IIOStream::Access access);
 
   kx::P<kx::IFileSystem> fileSystem_;
   kx::P<kx::IFileSystem> unlockedFileSystem_;  // over fileSystem_, with -U

@@ -67,15 +67,21 @@ class CConverter {
   CConverter(const CConvertEnds& ends, const CConvertSettings& settings, CConvertResult& result)
       : ends_(ends), settings_(settings), result_(result) {
     const auto& source = ends_.sourceDisk;
+    const auto& foreign = ends_.sourceForeign;
     const auto& target = ends_.targetDisk;
-    grainBytes_ = source ? source->getGrainSizeBytes() : target ? target->getGrainSizeBytes() : kRawGrainBytes;
+    grainBytes_ = source    ? source->getGrainSizeBytes()
+                  : foreign ? foreign->getGrainSizeBytes()
+                  : target  ? target->getGrainSizeBytes()
+                            : kRawGrainBytes;
     move_ = source && target && !settings_.compareWithTarget && source->getGrainSizeBytes() == target->getGrainSizeBytes() &&
             source->getCompressed() == target->getCompressed();
-    unpack_ = source && source->getCompressed() && !move_;
+    // A foreign disk's compressed grains come as prepared data: unpacked on
+    // the threads like the library's own.
+    unpack_ = ((source && source->getCompressed()) || (foreign && foreign->getCompressed())) && !move_;
     pack_ = target && target->getCompressed() && !move_ && target->getGrainSizeBytes() == grainBytes_;
     const int threads = std::max(1, settings_.threads);
     for (int i = 0; i < threads; ++i) {
-      sourcePreparers_.push_back(unpack_ ? source->createDataPreparer() : nullptr);
+      sourcePreparers_.push_back(!unpack_ ? nullptr : source ? source->createDataPreparer() : foreign->createDataPreparer());
       targetPreparers_.push_back(pack_ ? target->createDataPreparer() : nullptr);
       // The cipher work of encrypted disks runs on the threads too.
       sourceCodecs_.push_back(source ? source->createGrainCodec() : nullptr);
@@ -195,6 +201,19 @@ class CConverter {
       } else {
         source->seek(position);
         source->read(plainDestination(slot), slot.length);
+        slot.kind = CSlot::kPlain;
+      }
+    } else if (zarn::CVMDKForeignDisk* foreign = ends_.sourceForeign.get()) {
+      foreign->seek(position);
+      if (!foreign->isGrainWritten()) {
+        slot.kind = CSlot::kAbsent;
+      } else if (unpack_ && whole) {
+        foreign->seek(position);
+        foreign->readPreparedGrainData(*slot.input);
+        slot.kind = CSlot::kPrepared;
+      } else {
+        foreign->seek(position);
+        foreign->read(plainDestination(slot), slot.length);
         slot.kind = CSlot::kPlain;
       }
     } else if (isInHole(position, slot.length)) {

@@ -6,6 +6,7 @@
 
 #include "kx/stream.h"
 #include "zarn/disk.h"
+#include "zarn/foreign_disk.h"
 
 namespace zarn_img {
 
@@ -13,6 +14,7 @@ namespace zarn_img {
 // source (longer for -n).
 struct CConvertEnds {
   kx::P<zarn::CVMDKDisk> sourceDisk;
+  kx::P<zarn::CVMDKForeignDisk> sourceForeign;  // a disk of another tool, instead
   // Whether every parent of the source stores grains as the source does: a
   // grain of a parent that doesn't can't be read in the source's stored form.
   bool sourceChainStoresAlike = true;
