@@ -2,6 +2,7 @@
 BUILD_DIR    ?= build
 SAN_DIR      ?= build-sanitize
 JOBS         ?= $(shell nproc)
+PREFIX       ?=
 CMAKE_FLAGS  ?=
 
 .PHONY: all deps configure build test test-sanitize test-slow bench bench-compare fuzz demo install clean
@@ -58,7 +59,14 @@ demo: build
 	@if [ -x scripts/demo.sh ]; then ./scripts/demo.sh $(BUILD_DIR); \
 	else echo "The command-line tool arrives in a later release; run 'make test'."; fi
 
+# PREFIX=/usr puts the nbdkit plugin where `nbdkit zarn` finds it and the
+# Python package where /usr/bin/python3 finds it; the default prefix is
+# CMake's (/usr/local), whose Python folder Debian's python3 searches too.
 install: build
+ifneq ($(PREFIX),)
+	cmake -S . -B $(BUILD_DIR) -DCMAKE_INSTALL_PREFIX=$(PREFIX)
+	cmake --build $(BUILD_DIR) -j $(JOBS)
+endif
 	cmake --install $(BUILD_DIR)
 
 clean:
