@@ -5,7 +5,7 @@ JOBS         ?= $(shell nproc)
 PREFIX       ?=
 CMAKE_FLAGS  ?=
 
-.PHONY: all deps configure build test test-sanitize test-slow bench bench-compare fuzz demo install clean
+.PHONY: all deps configure build test test-sanitize test-slow bench bench-compare bench-doors fuzz demo install clean
 
 all: build
 
@@ -42,6 +42,13 @@ bench-compare: build
 	@./scripts/install-deps.sh python3 time
 	cd bench && BENCH_BUILD_DIR=$(abspath $(BUILD_DIR)) /usr/bin/python3 -m unittest -q test_bench_compare
 	/usr/bin/python3 bench/bench_compare.py --build-dir $(BUILD_DIR)
+
+# The NBD export and the Python module against zarn-img convert on one mixed
+# disk (bench/bench_doors.py; not part of `make test`): sequential reads and
+# random 4 KiB reads. BENCH_SIZE (1G), BENCH_RUNS (3), BENCH_OPS (20000) and
+# BENCH_DIR set it. The table goes to $(BUILD_DIR)/bench-doors.md.
+bench-doors: build
+	/usr/bin/python3 bench/bench_doors.py --build-dir $(BUILD_DIR)
 
 # libFuzzer runs of every fuzz target (clang), FUZZ_SECONDS each; new inputs
 # collect in $(FUZZ_DIR)/corpus/<target>.
