@@ -11,6 +11,9 @@ times, best of --runs each, with the page cache warm:
   random 4 KiB reads in written grains: bench/random_io on the library;
   qemu-io over NBD; Python seek + read on zarn.Disk.
 
+The same NBD clients against nbdkit's own file plugin serving the raw image
+show what the transport costs without zarn.
+
 Every output of the sequential rows is compared with the raw image. The
 table goes to stdout and to BUILD_DIR/bench-doors.md.
 """
@@ -31,14 +34,14 @@ MiB = 1 << 20
 
 
 class Server:
-    def __init__(self, plugin, disk, work):
-        self.socket = os.path.join(work, "nbd.sock")
-        pidfile = os.path.join(work, "nbdkit.pid")
+    def __init__(self, plugin, image, work, name):
+        self.socket = os.path.join(work, name + ".sock")
+        pidfile = os.path.join(work, name + ".pid")
         for stale in (self.socket, pidfile):
             if os.path.exists(stale):
                 os.unlink(stale)
         self.process = subprocess.Popen(["nbdkit", "--exit-with-parent", "-f", "-r", "-U", self.socket, "-P",
-                                         pidfile, plugin, "file=" + disk])
+                                         pidfile, plugin, "file=" + image])
         deadline = time.monotonic() + 30
         while not os.path.exists(pidfile):
             if self.process.poll() is not None or time.monotonic() > deadline:
@@ -85,7 +88,7 @@ def main(argv=None):
 
     size = parse_size(args.size)
     load = read_load()
-    print("load average: %s" % load)
+    print("load average: %.2f %.2f %.2f" % load)
     work = tempfile.mkdtemp(prefix="zarn-doors-", dir=args.dir)
     rows = []
     try:
@@ -103,12 +106,16 @@ def main(argv=None):
             with zarn.open(disk) as source, open(out, "wb") as target:
                 shutil.copyfileobj(source, target, MiB)
 
-        server = Server(plugin, disk, work)
+        server = Server(plugin, disk, work, "zarn")
+        baseline = Server("file", raw, work, "file")
         try:
             sequential = [
                 ("zarn-img convert -O raw", [tool, "convert", "-O", "raw", disk, out]),
                 ("nbdcopy from nbdkit zarn", ["nbdcopy", server.uri, out]),
                 ("qemu-img convert from nbdkit zarn", ["qemu-img", "convert", "-f", "raw", server.uri, out]),
+                ("nbdcopy from nbdkit file (the raw image; no zarn)", ["nbdcopy", baseline.uri, out]),
+                ("qemu-img convert from nbdkit file (the raw image; no zarn)",
+                 ["qemu-img", "convert", "-f", "raw", baseline.uri, out]),
                 ("Python shutil.copyfileobj(zarn.open(...)), 1 MiB chunks", copy_py),
             ]
             for label, command in sequential:
@@ -127,8 +134,8 @@ def main(argv=None):
             offsets = [int(line) for line in open(offsets_file)]
             commands = "".join("read -q %d 4k\n" % o for o in offsets)
 
-            def qemu_io_nbd():
-                result = subprocess.run(["qemu-io", "-f", "raw", server.uri], input=commands, text=True,
+            def qemu_io_nbd(uri):
+                result = subprocess.run(["qemu-io", "-r", "-f", "raw", uri], input=commands, text=True,
                                         capture_output=True, check=True)
                 if "failed" in result.stdout + result.stderr:
                     raise SystemExit("qemu-io: " + result.stdout[-500:] + result.stderr[-500:])
@@ -143,7 +150,8 @@ def main(argv=None):
                 ("bench/random_io on the library (whole process)",
                  lambda: subprocess.run([random_io, "read", disk, offsets_file], check=True,
                                         stderr=subprocess.DEVNULL)),
-                ("qemu-io over NBD from nbdkit zarn", qemu_io_nbd),
+                ("qemu-io over NBD from nbdkit zarn", lambda: qemu_io_nbd(server.uri)),
+                ("qemu-io over NBD from nbdkit file (the raw image; no zarn)", lambda: qemu_io_nbd(baseline.uri)),
                 ("Python seek + read on zarn.Disk", python_reads),
             ]
             for label, work_fn in random_rows:
@@ -152,12 +160,13 @@ def main(argv=None):
                              "%.0f reads/s" % (len(offsets) / seconds)))
         finally:
             server.stop()
+            baseline.stop()
     finally:
         shutil.rmtree(work, ignore_errors=True)
 
     lines = ["| what | best of %d | rate |" % args.runs, "|---|---|---|"]
     lines += ["| %s | %.3f s | %s |" % row for row in rows]
-    table = "\n".join(lines) + "\n\nload average before: %s\n" % load
+    table = "\n".join(lines) + "\n\nload average before: %.2f %.2f %.2f\n" % load
     print(table)
     with open(os.path.join(build, "bench-doors.md"), "w") as f:
         f.write(table)
