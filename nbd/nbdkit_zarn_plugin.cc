@@ -48,7 +48,6 @@ namespace {
 struct CConfig {
   std::string file;          // absolute path of the main file
   std::string confine;       // absolute folder, or empty
-  std::string passwordFile;  // as given, for messages
   kx::String password;
 };
 CConfig g_config;
@@ -176,7 +175,6 @@ int zarnConfig(const char* key, const char* value) {
     text = text.substr(0, text.find('\n'));
     if (!text.empty() && text.back() == '\r') text.pop_back();
     g_config.password = kx::String::fromUTF8(text);
-    g_config.passwordFile = value;
     return 0;
   }
   nbdkit_error("unknown parameter '%s' (the plugin takes file=, password-file= and confine=)", key);
