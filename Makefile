@@ -9,7 +9,7 @@ SAN_DIR      ?= build-sanitize
 JOBS         ?= $(shell nproc)
 CMAKE_FLAGS  ?=
 
-.PHONY: all deps configure build test test-sanitize test-slow bench bench-compare fuzz demo demo-build install clean
+.PHONY: all deps configure build test test-sanitize test-slow bench bench-compare bench-doors fuzz demo demo-build install clean
 
 all: build
 
@@ -47,6 +47,13 @@ bench-compare: build
 	cd bench && BENCH_BUILD_DIR=$(abspath $(BUILD_DIR)) /usr/bin/python3 -m unittest -q test_bench_compare
 	/usr/bin/python3 bench/bench_compare.py --build-dir $(BUILD_DIR)
 
+# The NBD export and the Python module against zarn-img convert on one mixed
+# disk (bench/bench_doors.py; not part of `make test`): sequential reads and
+# random 4 KiB reads. BENCH_SIZE (1G), BENCH_RUNS (3), BENCH_OPS (20000) and
+# BENCH_DIR set it. The table goes to $(BUILD_DIR)/bench-doors.md.
+bench-doors: build
+	/usr/bin/python3 bench/bench_doors.py --build-dir $(BUILD_DIR)
+
 # libFuzzer runs of every fuzz target (clang), FUZZ_SECONDS each; new inputs
 # collect in $(FUZZ_DIR)/corpus/<target>.
 FUZZ_DIR     ?= build-fuzz
@@ -70,10 +77,14 @@ demo: demo-build
 	./scripts/demo.sh $(DEMO_DIR)
 
 # The library (shared and static), its headers, the CMake and pkg-config
-# files, and zarn-img, under PREFIX: make install PREFIX=$$HOME/opt/zarn
+# files, zarn-img, the nbdkit plugin and the Python package, under PREFIX:
+# make install PREFIX=$$HOME/opt/zarn. PREFIX=/usr puts the plugin where
+# `nbdkit zarn` finds it and the package where /usr/bin/python3 finds it;
+# Debian's python3 searches /usr/local too.
 install: $(DEMO_DIR)/build.ninja
+	cmake -S . -B $(DEMO_DIR) -DCMAKE_INSTALL_PREFIX=$(PREFIX)
 	cmake --build $(DEMO_DIR) -j $(JOBS)
-	cmake --install $(DEMO_DIR) --prefix $(PREFIX)
+	cmake --install $(DEMO_DIR)
 
 clean:
 	rm -rf $(BUILD_DIR) $(DEMO_DIR) $(SAN_DIR)

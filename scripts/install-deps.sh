@@ -3,7 +3,8 @@
 set -euo pipefail
 
 packages=(build-essential g++ cmake ninja-build pkg-config libwxgtk3.2-dev zlib1g-dev libssl-dev
-  libdeflate-dev googletest libgtest-dev libbenchmark-dev qemu-utils libvmdk-utils)
+  libdeflate-dev googletest libgtest-dev libbenchmark-dev qemu-utils libvmdk-utils
+  nbdkit nbdkit-plugin-dev libnbd-bin fuse3 pybind11-dev python3-dev python3-pytest)
 # Extra packages a caller names, such as clang for the fuzz targets.
 packages+=("$@")
 
