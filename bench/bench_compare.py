@@ -420,6 +420,14 @@ def build_rows(tool, random_io, work, mixed, sparse, ops, seed):
             Command(qemu_convert(qemu_stream, b_raw, source_format="vmdk", target_format="raw"), b_out,
                     verify=same_content(mixed, "raw", b_raw, "raw")),
             "zarn-img reads the file zarn-img made, qemu-img the file qemu-img made"))
+    for jobs in ("1", "2"):
+        rows.append(Row(
+            f"foreign read -j {jobs}: qemu-img's streamOptimized → raw vs qemu-img",
+            Command(zarn_convert(qemu_stream, a_raw, "-j", jobs, source_format="vmdk", target_format="raw"), a_out,
+                    verify=same_content(mixed, "raw", a_raw, "raw")),
+            Command(qemu_convert(qemu_stream, b_raw, source_format="vmdk", target_format="raw"), b_out,
+                    verify=same_content(mixed, "raw", b_raw, "raw")),
+            "both read the file qemu-img made; zarn-img through its read-only importer"))
 
     def encrypted_reads_back():
         back = os.path.join(work, "encrypted-back.raw")

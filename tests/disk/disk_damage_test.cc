@@ -296,7 +296,8 @@ const Case kCases[] = {
        std::string text =
            "# Disk DescriptorFile\nversion=1\nCID=12345678\nparentCID=ffffffff\ncreateType=\"twoGbMaxExtentSparse\"\n";
        for (int i = 0; i < 4000; ++i) text += "RW 128 SPARSE \"disk-s00000.vmdk\"\n";
-       f.get("disk-s00000.vmdk") = f.get("disk.vmdk");
+       Bytes extent = f.get("disk.vmdk");
+       f.get("disk-s00000.vmdk") = std::move(extent);
        f.get("disk.vmdk").assign(text.begin(), text.end());
      },
      "ok"},
