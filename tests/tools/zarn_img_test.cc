@@ -380,6 +380,8 @@ TEST_F(ZarnImgTest, EveryLayoutRoundTripsByteForByte) {
     ok(std::string("convert -O vmdk ") + l.options + " d.vmdk e.vmdk", "ZARN_PASSWORD=pw ");
     ok("convert -j 2 e.vmdk e.raw", "ZARN_PASSWORD=pw ");
     EXPECT_TRUE(read("e.raw") == model);
+    ok("convert -j 16 e.vmdk f.raw", "ZARN_PASSWORD=pw ");
+    EXPECT_TRUE(read("f.raw") == model);
     std::string output;
     EXPECT_EQ(run("check e.vmdk", output, "ZARN_PASSWORD=pw "), 0) << output;
   }

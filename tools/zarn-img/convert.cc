@@ -23,6 +23,9 @@ using BufferP = kx::P<Buffer>;
 // Grains per thread in one batch: enough to keep the threads busy between two
 // waits, few enough that memory stays a few MiB whatever the disk size.
 constexpr int kGrainsPerThread = 8;
+// And the grains' bytes of one batch at most, unless the threads need more:
+// three batches, each grain with its buffers, stay within a few tens of MiB.
+constexpr int64_t kBatchBytes = 1 << 20;
 constexpr int64_t kRawGrainBytes = 64 * 1024;
 
 uint32_t readLE32(const unsigned char* bytes) {
@@ -98,10 +101,15 @@ class CConverter {
     const int64_t total = ends_.sourceSizeBytes;
     const int64_t grains = (total + grainBytes_ - 1) / grainBytes_;
     CProgress progress(settings_.showProgress, total);
-    std::vector<CSlot> batches[2];
-    const size_t batchSize = static_cast<size_t>(threads * kGrainsPerThread);
-    std::vector<unsigned char> stages[2];
-    for (int b = 0; b < 2; ++b) {
+    // Three batches in turn: while the threads prepare one, this thread
+    // writes the one before it and then reads the one after it, so that
+    // reading, preparing and writing all overlap.
+    constexpr int kBatches = 3;
+    std::vector<CSlot> batches[kBatches];
+    const size_t batchSize = static_cast<size_t>(
+        std::max<int64_t>(threads, std::min<int64_t>(threads * kGrainsPerThread, kBatchBytes / grainBytes_)));
+    std::vector<unsigned char> stages[kBatches];
+    for (int b = 0; b < kBatches; ++b) {
       batches[b].resize(batchSize);
       if (!gather_) continue;
       stages[b].resize(batchSize * static_cast<size_t>(grainBytes_));
@@ -110,13 +118,20 @@ class CConverter {
     // After the batches, so that it goes first: its threads may hold slots.
     std::unique_ptr<CWorkerPool> pool;
     if (threads > 1) pool = std::make_unique<CWorkerPool>(threads);
-    size_t pending = 0;  // slots of the other batch that wait to be written
+    size_t counts[kBatches] = {0, 0, 0};
+    int64_t next = 0;  // the first grain not read yet
+    auto readBatch = [&](int b) {
+      next = skipHoles(next);
+      counts[b] = static_cast<size_t>(std::max<int64_t>(0, std::min<int64_t>(batchSize, grains - next)));
+      for (size_t i = 0; i < counts[b]; ++i) readSlot(batches[b][i], (next + static_cast<int64_t>(i)) * grainBytes_);
+      next += static_cast<int64_t>(counts[b]);
+    };
     int current = 0;
-    for (int64_t first = 0; (first = skipHoles(first)) < grains; first += static_cast<int64_t>(batchSize)) {
+    int previous = 2;
+    readBatch(current);
+    while (counts[current] > 0) {
       std::vector<CSlot>& batch = batches[current];
-      const size_t count = static_cast<size_t>(std::min<int64_t>(batchSize, grains - first));
-      for (size_t i = 0; i < count; ++i) readSlot(batch[i], (first + static_cast<int64_t>(i)) * grainBytes_);
-      // While the threads prepare this batch, the previous one is written.
+      const size_t count = counts[current];
       if (pool) {
         pool->start([this, &batch, count, threads](int worker) {
           for (size_t i = static_cast<size_t>(worker); i < count; i += static_cast<size_t>(threads)) {
@@ -127,13 +142,16 @@ class CConverter {
       } else {
         for (size_t i = 0; i < count; ++i) prepareSlot(batch[i], 0);
       }
-      writeBatch(batches[1 - current], pending, progress);
+      writeBatch(batches[previous], counts[previous], progress);
+      counts[previous] = 0;
+      const int following = kBatches - current - previous;
+      readBatch(following);
       if (pool) pool->wait();
       checkInterrupted();
-      pending = count;
-      current = 1 - current;
+      previous = current;
+      current = following;
     }
-    writeBatch(batches[1 - current], pending, progress);
+    writeBatch(batches[previous], counts[previous], progress);
     if (ends_.targetDisk) ends_.targetDisk->flushChanges();
     progress.finish();
     result_.seconds = progress.getElapsedSeconds();
@@ -268,6 +286,12 @@ class CConverter {
       }
     }
     slot.zero = isAllZero(slot.data(), static_cast<size_t>(slot.length));
+    if (!slot.zero && !slot.staged && slot.stage) {
+      // Into the stage of a raw target here, on the threads, not when the
+      // batch is written.
+      std::memcpy(slot.stage, slot.plain->getData(), static_cast<size_t>(slot.length));
+      slot.staged = true;
+    }
     if (!slot.zero && pack_) {
       slot.packed = targetPreparers_[worker]->prepareGrainData(slot.plain.get(), index, slot.packAux.get());
     }
