@@ -24,7 +24,7 @@ using BufferP = kx::P<Buffer>;
 // waits, few enough that memory stays a few MiB whatever the disk size.
 constexpr int kGrainsPerThread = 8;
 // And the grains' bytes of one batch at most, unless the threads need more:
-// three batches, each grain with its buffers, stay within a few tens of MiB.
+// two batches, each grain with its buffers, stay within a few tens of MiB.
 constexpr int64_t kBatchBytes = 1 << 20;
 constexpr int64_t kRawGrainBytes = 64 * 1024;
 
@@ -101,15 +101,11 @@ class CConverter {
     const int64_t total = ends_.sourceSizeBytes;
     const int64_t grains = (total + grainBytes_ - 1) / grainBytes_;
     CProgress progress(settings_.showProgress, total);
-    // Three batches in turn: while the threads prepare one, this thread
-    // writes the one before it and then reads the one after it, so that
-    // reading, preparing and writing all overlap.
-    constexpr int kBatches = 3;
-    std::vector<CSlot> batches[kBatches];
+    std::vector<CSlot> batches[2];
     const size_t batchSize = static_cast<size_t>(
         std::max<int64_t>(threads, std::min<int64_t>(threads * kGrainsPerThread, kBatchBytes / grainBytes_)));
-    std::vector<unsigned char> stages[kBatches];
-    for (int b = 0; b < kBatches; ++b) {
+    std::vector<unsigned char> stages[2];
+    for (int b = 0; b < 2; ++b) {
       batches[b].resize(batchSize);
       if (!gather_) continue;
       stages[b].resize(batchSize * static_cast<size_t>(grainBytes_));
@@ -118,20 +114,13 @@ class CConverter {
     // After the batches, so that it goes first: its threads may hold slots.
     std::unique_ptr<CWorkerPool> pool;
     if (threads > 1) pool = std::make_unique<CWorkerPool>(threads);
-    size_t counts[kBatches] = {0, 0, 0};
-    int64_t next = 0;  // the first grain not read yet
-    auto readBatch = [&](int b) {
-      next = skipHoles(next);
-      counts[b] = static_cast<size_t>(std::max<int64_t>(0, std::min<int64_t>(batchSize, grains - next)));
-      for (size_t i = 0; i < counts[b]; ++i) readSlot(batches[b][i], (next + static_cast<int64_t>(i)) * grainBytes_);
-      next += static_cast<int64_t>(counts[b]);
-    };
+    size_t pending = 0;  // slots of the other batch that wait to be written
     int current = 0;
-    int previous = 2;
-    readBatch(current);
-    while (counts[current] > 0) {
+    for (int64_t first = 0; (first = skipHoles(first)) < grains; first += static_cast<int64_t>(batchSize)) {
       std::vector<CSlot>& batch = batches[current];
-      const size_t count = counts[current];
+      const size_t count = static_cast<size_t>(std::min<int64_t>(batchSize, grains - first));
+      for (size_t i = 0; i < count; ++i) readSlot(batch[i], (first + static_cast<int64_t>(i)) * grainBytes_);
+      // While the threads prepare this batch, the previous one is written.
       if (pool) {
         pool->start([this, &batch, count, threads](int worker) {
           for (size_t i = static_cast<size_t>(worker); i < count; i += static_cast<size_t>(threads)) {
@@ -142,16 +131,13 @@ class CConverter {
       } else {
         for (size_t i = 0; i < count; ++i) prepareSlot(batch[i], 0);
       }
-      writeBatch(batches[previous], counts[previous], progress);
-      counts[previous] = 0;
-      const int following = kBatches - current - previous;
-      readBatch(following);
+      writeBatch(batches[1 - current], pending, progress);
       if (pool) pool->wait();
       checkInterrupted();
-      previous = current;
-      current = following;
+      pending = count;
+      current = 1 - current;
     }
-    writeBatch(batches[previous], counts[previous], progress);
+    writeBatch(batches[1 - current], pending, progress);
     if (ends_.targetDisk) ends_.targetDisk->flushChanges();
     progress.finish();
     result_.seconds = progress.getElapsedSeconds();
