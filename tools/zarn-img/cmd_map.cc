@@ -21,15 +21,6 @@ namespace {
 
 constexpr int64_t kSectorBytes = 512;
 
-struct CRun {
-  int64_t start;
-  int64_t length;
-  int depth;
-  bool data;           // some level of the chain holds it; else it reads as zeros
-  int64_t offset;      // where the bytes of `start` lie in `file`; -1 unknown
-  std::string file;    // the file that holds the bytes; empty for zeros
-};
-
 // Where the grains of one disk lie in its extent files. Only plain extents
 // (neither compressed nor encrypted) keep a grain's bytes as they read; for
 // the others no offset is given, as the bytes there mean nothing by
@@ -151,16 +142,18 @@ int runMap(CToolContext& context, const Args& args) {
   const int64_t size = chain[0].disk->getSizeBytes();
   const int64_t grain = chain[0].disk->getGrainSizeBytes();
   const int bottom = static_cast<int>(chain.size()) - 1;
-  std::vector<CRun> runs;
+  std::vector<CMapRun> runs;
   for (int64_t position = 0; position < size; position += grain) {
     checkInterrupted();
     const int depth = findDepth(chain, position);
-    CRun run{position, std::min(grain, size - position), depth < 0 ? bottom : depth, depth >= 0, -1, std::string()};
+    const int level = depth < 0 ? bottom : depth;
+    CMapRun run{position, std::min(grain, size - position), level, depth >= 0, -1, std::string(),
+                chain[static_cast<size_t>(level)].name};
     if (run.data && !locators[static_cast<size_t>(depth)].locate(position, run.file, run.offset)) {
       run.file = chain[static_cast<size_t>(depth)].name;
     }
     if (!runs.empty()) {
-      CRun& last = runs.back();
+      CMapRun& last = runs.back();
       const bool sameKind = last.depth == run.depth && last.data == run.data && last.file == run.file &&
                             (last.offset < 0) == (run.offset < 0);
       if (sameKind && last.start + last.length == position &&
@@ -171,10 +164,14 @@ int runMap(CToolContext& context, const Args& args) {
     }
     runs.push_back(run);
   }
+  return printMap(runs, json);
+}
+
+int printMap(const std::vector<CMapRun>& runs, bool json) {
   if (json) {
     CJsonWriter out;
     out.beginArray();
-    for (const CRun& run : runs) {
+    for (const CMapRun& run : runs) {
       out.beginObject();
       out.addNumber("start", run.start);
       out.addNumber("length", run.length);
@@ -191,8 +188,8 @@ int runMap(CToolContext& context, const Args& args) {
     return 0;
   }
   // By disk: the runs of one depth that follow each other are one line.
-  std::vector<CRun> lines;
-  for (const CRun& run : runs) {
+  std::vector<CMapRun> lines;
+  for (const CMapRun& run : runs) {
     if (!run.data) continue;
     if (!lines.empty() && lines.back().depth == run.depth && lines.back().start + lines.back().length == run.start) {
       lines.back().length += run.length;
@@ -201,10 +198,9 @@ int runMap(CToolContext& context, const Args& args) {
     }
   }
   std::printf("%-16s%-16s%-7s%s\n", "Offset", "Length", "Depth", "File");
-  for (const CRun& line : lines) {
+  for (const CMapRun& line : lines) {
     std::printf("0x%-14llx0x%-14llx%-7d%s\n", static_cast<unsigned long long>(line.start),
-                static_cast<unsigned long long>(line.length), line.depth,
-                chain[static_cast<size_t>(line.depth)].name.c_str());
+                static_cast<unsigned long long>(line.length), line.depth, line.disk.c_str());
   }
   return 0;
 }

@@ -3,6 +3,7 @@
 // (CUsageError, CInterrupted, kx::CError) for main to report.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,20 @@ int runCompare(CToolContext& context, const Args& args);
 int runMeasure(CToolContext& context, const Args& args);
 int runCommit(CToolContext& context, const Args& args);
 int runResize(CToolContext& context, const Args& args);
+
+// One run of a disk's map, as map prints it.
+struct CMapRun {
+  int64_t start;
+  int64_t length;
+  int depth;           // the level of the chain that holds it; for zeros, the bottom
+  bool data;           // some level of the chain holds it; else it reads as zeros
+  int64_t offset;      // where the bytes of `start` lie in `file`; -1 unknown
+  std::string file;    // the file that holds the bytes; empty for zeros
+  std::string disk;    // the disk of that level, as the user named it
+};
+// Prints a map: in JSON every run with qemu-img's fields, else the runs that
+// hold data, neighbours of one depth as one line. Returns the exit status.
+int printMap(const std::vector<CMapRun>& runs, bool json);
 
 // --password-file, --confine and -q, which every command takes.
 std::vector<COptionDef> withCommonOptions(std::vector<COptionDef> definitions);

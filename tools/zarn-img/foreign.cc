@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <vector>
 
+#include "commands.h"
 #include "interrupt.h"
 #include "json.h"
 #include "kx/error.h"
@@ -104,51 +105,28 @@ int showForeignInfo(CToolContext& context, zarn::CVMDKForeignDisk& disk, const s
 }
 
 int showForeignMap(CToolContext& context, zarn::CVMDKForeignDisk& disk, const std::string& path, bool json) {
-  struct CRun {
-    int64_t start, length;
-    int depth;
-  };
-  std::vector<CRun> runs;
+  std::vector<CMapRun> runs;
   const int64_t size = disk.getSizeBytes(), grain = disk.getGrainSizeBytes();
+  std::vector<std::string> names;  // by depth, as they are met
   for (int64_t position = 0; position < size; position += grain) {
     checkInterrupted();
     disk.seek(position);
     const int depth = disk.getAllocationDepth();
     const int64_t length = std::min(grain, size - position);
-    if (!runs.empty() && runs.back().depth == depth && runs.back().start + runs.back().length == position) {
+    const int level = std::max(depth, 0);
+    if (!runs.empty() && runs.back().depth == level && runs.back().data == (depth >= 0) &&
+        runs.back().start + runs.back().length == position) {
       runs.back().length += length;
-    } else {
-      runs.push_back({position, length, depth});
+      continue;
     }
-  }
-  const auto fileOf = [&](int depth) {
-    return depth == 0 ? path : nameOf(context, disk.getChainDiskURI(depth));
-  };
-  if (json) {
-    CJsonWriter out;
-    out.beginArray();
-    for (const CRun& run : runs) {
-      out.beginObject();
-      out.addNumber("start", run.start);
-      out.addNumber("length", run.length);
-      out.addNumber("depth", std::max(run.depth, 0));
-      out.addBool("present", run.depth >= 0);
-      out.addBool("zero", run.depth < 0);
-      out.addBool("data", run.depth >= 0);
-      if (run.depth >= 0) out.addString("filename", fileOf(run.depth));
-      out.endObject();
+    while (names.size() <= static_cast<size_t>(level)) {
+      const int at = static_cast<int>(names.size());
+      names.push_back(at == 0 ? path : nameOf(context, disk.getChainDiskURI(at)));
     }
-    out.endArray();
-    std::fputs(out.getText().c_str(), stdout);
-    return 0;
+    const std::string& name = names[static_cast<size_t>(level)];
+    runs.push_back({position, length, level, depth >= 0, -1, depth >= 0 ? name : std::string(), name});
   }
-  std::printf("%-16s%-16s%-7s%s\n", "Offset", "Length", "Depth", "File");
-  for (const CRun& run : runs) {
-    if (run.depth < 0) continue;
-    std::printf("0x%-14llx0x%-14llx%-7d%s\n", static_cast<unsigned long long>(run.start),
-                static_cast<unsigned long long>(run.length), run.depth, fileOf(run.depth).c_str());
-  }
-  return 0;
+  return printMap(runs, json);
 }
 
 int checkForeign(CToolContext& context, zarn::CVMDKForeignDisk& disk, const std::string& path, bool json) {
