@@ -12,6 +12,7 @@
 #include "foundation/kx/stream_checks.h"
 #include "kx/error.h"
 #include "kx/data_regions.h"
+#include "kx/range_copy.h"
 #include "kx/file_identity.h"
 #include "kx/local_file_system.h"
 #include "foundation/posix/local_file_stream.h"
@@ -132,7 +133,11 @@ class CLocalStreamLock final : public CBase, public IStreamLock {
   bool unsynced_ = false;  // written to since the last flush
 };
 
-class CLocalFileStream final : public CBase, public IIOStream, public IFileIdentity, public IDataRegions {
+class CLocalFileStream final : public CBase,
+                               public IIOStream,
+                               public IFileIdentity,
+                               public IDataRegions,
+                               public IRangeCopy {
  public:
   CLocalFileStream(const P<CFileHandle>& handle, const CURI& uri, Access access, int64_t length)
       : handle_(handle), uri_(uri), access_(access), length_(length) {}
@@ -274,6 +279,40 @@ class CLocalFileStream final : public CBase, public IIOStream, public IFileIdent
     } while (result < 0 && errno == EINTR);
     if (result < 0) throwSystemError("Setting the file length", errno, uri_);
     length_ = length;
+  }
+
+  bool copyFrom(IIOStream& source, int64_t sourceOffset, int64_t length) override {
+    checkWritable();
+    auto* local = dynamic_cast<CLocalFileStream*>(&source);
+    if (!local || !local->handle_ || length < 0 || sourceOffset < 0) return false;
+    loff_t from = static_cast<loff_t>(sourceOffset);
+    loff_t to = static_cast<loff_t>(position_);
+    int64_t done = 0;
+    unsynced_ = true;
+    while (done < length) {
+      const ssize_t copied = ::copy_file_range(local->handle_->get(), &from, handle_->get(), &to,
+                                               static_cast<size_t>(length - done), 0);
+      if (copied < 0 && errno == EINTR) continue;
+      if (copied < 0 && (errno == EXDEV || errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP ||
+                         errno == EBADF)) {
+        length_ = std::max(length_, position_ + done);
+        return false;
+      }
+      if (copied < 0) {
+        const int error = errno;
+        length_ = std::max(length_, position_ + done);
+        throwSystemError("Copying into the file", error, uri_, false,
+                         CProps().add("position", position_ + done).add("bytesToCopy", length - done));
+      }
+      if (copied == 0) {  // the source ended first
+        length_ = std::max(length_, position_ + done);
+        return false;
+      }
+      done += copied;
+    }
+    position_ += length;
+    length_ = std::max(length_, position_);
+    return true;
   }
 
   bool findData(int64_t position, int64_t& dataStart, int64_t& dataEnd) override {

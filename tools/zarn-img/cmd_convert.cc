@@ -141,6 +141,7 @@ int runConvert(CToolContext& context, const Args& args) {
       if (!ends.sourceForeign) throw;
       ends.sourceSizeBytes = ends.sourceForeign->getSizeBytes();
     }
+    if (!targetIsVmdk && !noCreate && !chain.empty()) ends.sourceLocator = std::make_shared<CGrainLocator>(context, chain[0]);
     for (const CChainLevel& level : chain) {
       ends.sourceChainStoresAlike = ends.sourceChainStoresAlike &&
                                     level.disk->getGrainSizeBytes() == ends.sourceDisk->getGrainSizeBytes() &&

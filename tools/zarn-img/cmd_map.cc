@@ -4,6 +4,7 @@
 
 #include "commands.h"
 #include "foreign.h"
+#include "grain_locator.h"
 #include "interrupt.h"
 #include "json.h"
 #include "kx/data_stream.h"
@@ -18,81 +19,6 @@
 namespace zarn_img {
 
 namespace {
-
-constexpr int64_t kSectorBytes = 512;
-
-// Where the grains of one disk lie in its extent files. Only plain extents
-// (neither compressed nor encrypted) keep a grain's bytes as they read; for
-// the others no offset is given, as the bytes there mean nothing by
-// themselves.
-class CGrainLocator {
- public:
-  CGrainLocator(CToolContext& context, const CChainLevel& level) : context_(context) {
-    const kx::P<zarn::CVMDKDescriptor> descriptor = level.disk->getDescriptor();
-    plain_ = !level.disk->getCompressed() && descriptor->getKxEncryptionAlgorithm().isEmpty();
-    kx::TArray<kx::P<zarn::CVMDKExtentInfo>> extents;
-    descriptor->getExtentEntries(extents);
-    const kx::CURI folder = level.disk->getMainFileURI().getParent();
-    int64_t start = 0;
-    for (const auto& extent : extents) {
-      extents_.push_back({start, extent->getSizeSectors() * kSectorBytes,
-                          zarn::vmdkFileReferenceToURI(folder, extent->getFilename()).toNormalized()});
-      start += extent->getSizeSectors() * kSectorBytes;
-    }
-  }
-
-  // The file and offset of the byte at disk `position`, a grain that the disk
-  // holds itself; false when there is none to give.
-  bool locate(int64_t position, std::string& file, int64_t& offset) {
-    if (!plain_) return false;
-    const auto extent = std::find_if(extents_.begin(), extents_.end(), [position](const CExtent& e) {
-      return position >= e.startBytes && position < e.startBytes + e.sizeBytes;
-    });
-    if (extent == extents_.end()) return false;
-    const size_t index = static_cast<size_t>(extent - extents_.begin());
-    if (index != openIndex_) open(index);
-    const int64_t within = position - extent->startBytes;
-    int64_t slotSectors = 0;
-    int64_t slotSize = 0;
-    directory_->getGrainInfo(within / grainBytes_, slotSectors, slotSize);
-    if (slotSectors <= 0) return false;
-    file = context_.getDisplayName(extent->uri);
-    offset = slotSectors * kSectorBytes + within % grainBytes_;
-    return true;
-  }
-
- private:
-  struct CExtent {
-    int64_t startBytes;
-    int64_t sizeBytes;
-    kx::CURI uri;
-  };
-
-  void open(size_t index) {
-    directory_ = nullptr;
-    int flags = 0;
-    stream_ = context_.getFileSystem()->openFile(extents_[index].uri, kx::IIOStream::ACCESS_READ, flags);
-    zarn::CVMDKSparseExtentHeader header;
-    kx::CDataInStream in(*stream_);
-    header.load(in);
-    grainBytes_ = static_cast<int64_t>(header.getGrainSizeSectors()) * kSectorBytes;
-    directory_ = kx::create<zarn::CVMDKGrainDirectory>(
-        stream_.get(), kx::IIOStream::ACCESS_READ, static_cast<int64_t>(header.getGrainDirectoryOffsetSectors()),
-        static_cast<int64_t>(header.getRedundantGrainDirectoryOffsetSectors()),
-        static_cast<int64_t>(header.getCapacitySectors()), static_cast<int64_t>(header.getGrainSizeSectors()),
-        static_cast<int32_t>(header.getGrainTableEntryCount()), false, cache_.get());
-    openIndex_ = index;
-  }
-
-  CToolContext& context_;
-  bool plain_ = false;
-  std::vector<CExtent> extents_;
-  size_t openIndex_ = static_cast<size_t>(-1);
-  kx::P<zarn::CVMDKGrainTableCache> cache_ = kx::create<zarn::CVMDKGrainTableCache>();
-  kx::P<kx::IIOStream> stream_;
-  kx::P<zarn::CVMDKGrainDirectory> directory_;
-  int64_t grainBytes_ = 0;
-};
 
 // Where the grain at `position` comes from: the depth of the first disk of
 // the chain that holds it, or -1 when none does.

@@ -8,6 +8,7 @@
 #include "interrupt.h"
 #include "kx/buffer.h"
 #include "kx/data_regions.h"
+#include "kx/range_copy.h"
 #include "kx/error.h"
 #include "progress.h"
 #include "worker_pool.h"
@@ -45,7 +46,9 @@ bool isAllZero(const unsigned char* data, size_t size) {
 // One grain on its way. The buffers stay with the slot from batch to batch.
 struct CSlot {
   // kStored: the source's stored form, ciphertext, in `input`.
-  enum Kind { kAbsent, kPlain, kPrepared, kMoved, kStored };
+  // kCopy: a plain grain that goes from the source's file into a raw target
+  // without being read, from `copyFrom` at `copyOffset`.
+  enum Kind { kAbsent, kPlain, kPrepared, kMoved, kStored, kCopy };
   int64_t position = 0;
   int length = 0;
   Kind kind = kAbsent;
@@ -62,6 +65,8 @@ struct CSlot {
   // slot's place, so that neighbours go out in one write; null otherwise.
   unsigned char* stage = nullptr;
   bool staged = false;  // the grain's bytes were read into `stage`
+  kx::P<kx::IIOStream> copyFrom;
+  int64_t copyOffset = 0;
   const unsigned char* data() const { return staged ? stage : plain->getData(); }
 };
 
@@ -94,6 +99,7 @@ class CConverter {
     compare_.resize(static_cast<size_t>(grainBytes_));
     if (ends_.sourceRaw) sourceRegions_ = kx::dynamicCast<kx::IDataRegions>(ends_.sourceRaw);
     gather_ = ends_.targetRaw && !settings_.compareWithTarget;
+    if (gather_ && ends_.sourceLocator) targetCopy_ = kx::dynamicCast<kx::IRangeCopy>(ends_.targetRaw);
   }
 
   void run() {
@@ -190,6 +196,11 @@ class CConverter {
         slot.kind = CSlot::kAbsent;
         return;
       }
+      if (targetCopy_ && whole && source->isGrainWrittenAndIndependentOfParent() &&
+          ends_.sourceLocator->locate(position, slot.copyFrom, slot.copyOffset)) {
+        slot.kind = CSlot::kCopy;
+        return;
+      }
       if (sourceCodecs_[0] && whole) {
         if (source->readStoredGrainData(*slot.input)) {
           slot.kind = CSlot::kStored;
@@ -254,6 +265,10 @@ class CConverter {
       std::swap(slot.input, slot.clear);
       slot.kind = move_ ? CSlot::kMoved : ends_.sourceDisk->getCompressed() ? CSlot::kPrepared : CSlot::kPlain;
     }
+    if (slot.kind == CSlot::kCopy) {
+      slot.zero = false;
+      return;
+    }
     if (slot.kind == CSlot::kAbsent || slot.kind == CSlot::kMoved) {
       slot.zero = slot.kind == CSlot::kAbsent;
       if (slot.kind == CSlot::kMoved) {
@@ -301,6 +316,10 @@ class CConverter {
   void writeBatch(std::vector<CSlot>& batch, size_t count, CProgress& progress) {
     for (size_t i = 0; i < count;) {
       checkInterrupted();
+      if (batch[i].kind == CSlot::kCopy) {
+        i = copyRun(batch, i, count, progress);
+        continue;
+      }
       if (!gather_ || batch[i].zero) {
         writeSlot(batch[i]);
         progress.update(batch[i].position + batch[i].length);
@@ -311,7 +330,8 @@ class CConverter {
       // grains stay holes of the new file.
       size_t end = i;
       int64_t bytes = 0;
-      while (end < count && !batch[end].zero && batch[end].position == batch[i].position + bytes) {
+      while (end < count && !batch[end].zero && batch[end].kind != CSlot::kCopy &&
+             batch[end].position == batch[i].position + bytes) {
         CSlot& slot = batch[end];
         if (!slot.staged) std::memcpy(slot.stage, slot.data(), static_cast<size_t>(slot.length));
         bytes += slot.length;
@@ -324,6 +344,33 @@ class CConverter {
       progress.update(batch[end - 1].position + batch[end - 1].length);
       i = end;
     }
+  }
+
+  // Grains to copy that follow each other on the disk and in one file go in
+  // one copy; where the system won't copy, they are read through the disk.
+  // Returns the index behind the run.
+  size_t copyRun(std::vector<CSlot>& batch, size_t first, size_t count, CProgress& progress) {
+    const CSlot& start = batch[first];
+    size_t end = first + 1;
+    int64_t bytes = start.length;
+    while (end < count && batch[end].kind == CSlot::kCopy && batch[end].copyFrom == start.copyFrom &&
+           batch[end].position == start.position + bytes && batch[end].copyOffset == start.copyOffset + bytes) {
+      bytes += batch[end].length;
+      ++end;
+    }
+    ends_.targetRaw->seek(start.position);
+    if (!targetCopy_->copyFrom(*start.copyFrom, start.copyOffset, bytes)) {
+      for (size_t i = first; i < end; ++i) {
+        ends_.sourceDisk->seek(batch[i].position);
+        ends_.sourceDisk->read(batch[i].stage, batch[i].length);
+      }
+      ends_.targetRaw->seek(start.position);
+      ends_.targetRaw->write(start.stage, static_cast<int>(bytes), nullptr);
+    }
+    result_.grainsWritten += static_cast<int64_t>(end - first);
+    result_.bytesWritten += bytes;
+    progress.update(start.position + bytes);
+    return end;
   }
 
   void writeSlot(CSlot& slot) {
@@ -394,6 +441,7 @@ class CConverter {
   CConvertResult& result_;
   // Where a raw source holds data, from the file system, as far as known.
   kx::P<kx::IDataRegions> sourceRegions_;
+  kx::P<kx::IRangeCopy> targetCopy_;  // a raw target that takes grains file to file
   int64_t dataStart_ = 0;
   int64_t dataEnd_ = 0;
   bool gather_ = false;  // a new raw target: neighbours are written as one

@@ -3,7 +3,9 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 
+#include "grain_locator.h"
 #include "kx/stream.h"
 #include "zarn/disk.h"
 #include "zarn/foreign_disk.h"
@@ -18,6 +20,9 @@ struct CConvertEnds {
   // Whether every parent of the source stores grains as the source does: a
   // grain of a parent that doesn't can't be read in the source's stored form.
   bool sourceChainStoresAlike = true;
+  // Where the source's own grains lie in its files, when they lie there as
+  // they read: a raw target copies them from file to file.
+  std::shared_ptr<CGrainLocator> sourceLocator;
   kx::P<kx::IIOStream> sourceRaw;
   int64_t sourceSizeBytes = 0;
   kx::P<zarn::CVMDKDisk> targetDisk;

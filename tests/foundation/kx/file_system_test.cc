@@ -18,6 +18,7 @@
 #include "kx/local_file_system.h"
 #include "kx/memory_file_system.h"
 #include "kx/data_regions.h"
+#include "kx/range_copy.h"
 #include "tests/support/caught_error.h"
 #include "tests/support/counting_file_system.h"
 #include "tests/support/fault_injection_file_system.h"
@@ -277,6 +278,33 @@ TEST_F(LocalFileSystemTest, DataRegionsPassOverHoles) {
   EXPECT_GE(end, 8 * kMiB + 4096);
   EXPECT_FALSE(regions->findData(end, start, end));
   EXPECT_FALSE(regions->findData(16 * kMiB, start, end));
+}
+
+// A range goes from file to file at the target's position; what the system
+// can't copy that way is left to the caller, with the position unmoved.
+TEST_F(LocalFileSystemTest, RangesCopyFromFileToFile) {
+  auto source = open(dir_.getFileURI("source"));
+  write(*source, "0123456789abcdef");
+  auto target = open(dir_.getFileURI("target"));
+  write(*target, "xxxx");
+  auto copy = kx::dynamicCast<kx::IRangeCopy>(target);
+  ASSERT_TRUE(copy);
+  target->seek(2);
+  ASSERT_TRUE(copy->copyFrom(*source, 10, 6));
+  EXPECT_EQ(target->getPosition(), 8);
+  EXPECT_EQ(target->getLength(), 8);
+  target->seek(0);
+  EXPECT_EQ(read(*target, 8), "xxabcdef");
+
+  EXPECT_FALSE(copy->copyFrom(*source, 12, 8)) << "the source ends first";
+  EXPECT_EQ(target->getPosition(), 8);
+  auto memory = kx::create<kx::CMemoryFileSystem>();
+  auto other = openFile(*memory, kx::CURI(kx::String("file:///m")));
+  write(*other, "0123");
+  EXPECT_FALSE(copy->copyFrom(*other, 0, 4)) << "a stream of another kind";
+  EXPECT_EQ(target->getPosition(), 8);
+  auto reader = open(dir_.getFileURI("source"), kRead);
+  EXPECT_THROW(kx::dynamicCast<kx::IRangeCopy>(reader)->copyFrom(*source, 0, 4), kx::CFileSystemError);
 }
 
 TEST_F(LocalFileSystemTest, RefusesURIsThatAreNotLocal) {
