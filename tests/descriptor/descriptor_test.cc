@@ -226,22 +226,10 @@ TEST(DescriptorTest, TypedAccessorsWriteAndReadTheirKeys) {
       "ddb.adapterType = \"ide\"\nddb.geometry.cylinders = \"16383\"\nddb.geometry.heads = \"255\"\n"
       "ddb.geometry.sectors = \"63\"\n";
   EXPECT_EQ(text(*d), expected);
-
-  // The getters read the keys that the setters wrote.
+  // The getters that no disk operation calls read the keys that the setters wrote.
   const kx::P<CVMDKDescriptor> r = parse(expected);
-  EXPECT_EQ(
-      std::make_tuple(r->getVersion(), r->getContentID(), r->getParentContentID(), r->getGeometryCylinders(),
-                      r->getGeometryHeads(), r->getGeometrySectors(), r->getKxCreateExtentFilesOnDemand()),
-      std::make_tuple(-3, 0xabcdu, 7u, int64_t{16383}, int64_t{255}, int64_t{63}, true));
-  EXPECT_EQ(
-      kx::String(r->getCreateType() + "|" + r->getParentFileNameHint() + "|" + r->getAdapterType() + "|" +
-                 r->getKxEncryptionAlgorithm() + "|" + r->getKxEncryptionKeyDerivationAlgorithm() + "|" +
-                 r->getKxEncryptionKeyHashAlgorithm()),
-      "streamOptimized|../p.vmdk|ide|AES-256-CBC|PBKDF2|SHA-256");
-  for (const auto& value : {r->getKxEncryptionIV(), r->getKxEncryptionKeyDerivationSalt(),
-                            r->getKxEncryptedEncryptionKey(), r->getKxEncryptionKeyHash()}) {
-    EXPECT_EQ(kx::hexEncode(value), "00ab10ff");
-  }
+  EXPECT_EQ(std::make_tuple(r->getVersion(), r->getAdapterType(), r->getGeometryHeads(), r->getGeometrySectors()),
+            std::make_tuple(-3, kx::String("ide"), int64_t{255}, int64_t{63}));
 
   // Bad values fail only in their getters.
   d = parse("version=one\nCID=0x1a\nparentCID=0x1a\nkxEncIV=abc\n");

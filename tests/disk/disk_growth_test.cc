@@ -12,7 +12,6 @@
 #include "tests/support/caught_error.h"
 #include "tests/support/file_bytes.h"
 #include "tests/support/grain_data.h"
-#include "zarn/descriptor.h"
 
 namespace {
 
@@ -42,19 +41,16 @@ class DiskGrowthTest : public ::testing::Test {
     zarn::CVMDKDisk::create(fs_.get(), uri_, size, layout.password, layout.compressed, -1, layout.fileSizeLimit, "",
                             0xFFFFFFFF, false);
   }
-  kx::P<zarn::CVMDKDisk> open(kx::IIOStream::Access access, const char* password, const kx::CURI& uri) {
-    return kx::create<zarn::CVMDKDisk>(fs_.get(), uri, access, password);
-  }
   kx::P<zarn::CVMDKDisk> open(kx::IIOStream::Access access, const char* password = "") {
-    return open(access, password, uri_);
+    return kx::create<zarn::CVMDKDisk>(fs_.get(), uri_, access, password);
   }
   void writeAt(int64_t position, const Bytes& data, const char* password = "") {
     auto disk = open(kx::IIOStream::ACCESS_READ_WRITE, password);
     disk->seek(position);
     disk->write(data.data(), static_cast<int>(data.size()));
   }
-  Bytes readAll(const char* password = "", const kx::CURI* uri = nullptr) {
-    auto disk = open(kx::IIOStream::ACCESS_READ, password, uri ? *uri : uri_);
+  Bytes readAll(const char* password = "") {
+    auto disk = open(kx::IIOStream::ACCESS_READ, password);
     Bytes bytes(static_cast<size_t>(disk->getSizeBytes()));
     disk->read(bytes.data(), static_cast<int>(bytes.size()));
     return bytes;
@@ -158,22 +154,6 @@ TEST_F(DiskGrowthTest, AGrowthStoppedAfterTheHeaderOpensAtTheOldSize) {
   bytes = file(uri_);
   EXPECT_EQ(test::le64(bytes, 12), uint64_t(28 * kMiB / 512));
   EXPECT_TRUE(std::equal(bytes.begin(), bytes.begin() + 512, bytes.end() - 1024));
-}
-
-TEST_F(DiskGrowthTest, ChildrenReadTheSameOverAGrownParent) {
-  create(kLayouts[0], 24 * kMiB);
-  const Bytes data = test::noiseGrain(2 * kGrain, 4);
-  writeAt(24 * kMiB - 2 * kGrain, data);
-  const kx::CURI childURI(kx::String("file:///vms/child.vmdk"));
-  const uint32_t parentCID = open(kx::IIOStream::ACCESS_READ)->getDescriptor()->getContentID();
-  zarn::CVMDKDisk::create(fs_.get(), childURI, 24 * kMiB, "", false, -1, -1, "disk.vmdk", parentCID, false);
-  const Bytes before = readAll("", &childURI);
-  {
-    auto disk = open(kx::IIOStream::ACCESS_READ_WRITE);
-    zarn::growVMDKDisk(fs_.get(), *disk, 30 * kMiB);
-  }
-  EXPECT_EQ(open(kx::IIOStream::ACCESS_READ)->getDescriptor()->getContentID(), parentCID);
-  EXPECT_TRUE(readAll("", &childURI) == before);
 }
 
 }  // namespace

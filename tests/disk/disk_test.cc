@@ -3,9 +3,6 @@
 #include "zarn/disk.h"
 
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <functional>
 #include <thread>
@@ -93,10 +90,6 @@ TEST_F(DiskTest, EveryLayoutReadsBackWhatWasWritten) {
   }
 }
 
-}  // namespace
-
-namespace {
-
 int64_t extentSectors(const zarn::CVMDKDisk& disk, std::vector<std::string>* names = nullptr) {
   kx::TArray<kx::P<zarn::CVMDKExtentInfo>> extents;
   disk.getDescriptor()->getExtentEntries(extents);
@@ -109,8 +102,6 @@ int64_t extentSectors(const zarn::CVMDKDisk& disk, std::vector<std::string>* nam
 }
 
 TEST_F(DiskTest, CreationSizesFilesByTheLimit) {
-  EXPECT_EQ(zarn::CVMDKDisk::getVirtualDiskSizeBytesFromMinSizeBytes(1), 8388608);
-  EXPECT_EQ(zarn::CVMDKDisk::getVirtualDiskSizeBytesFromMinSizeBytes(0x800001), 0x810000);
   const int64_t tenGiB = int64_t{10} << 30;
   struct Case {
     bool compressed;
@@ -309,27 +300,6 @@ TEST_F(DiskTest, StoredGrainsCopyBetweenDisksThroughCodecsOnOtherThreads) {
   }
 }
 
-TEST_F(DiskTest, OnDemandDisksMakeLaterExtentFilesAtTheirFirstWrite) {
-  const kx::CURI stale(kx::String("file:///vms/disk-s00003.vmdk"));
-  test::writeFileBytes(*fs_, stale, Bytes(10, 1));
-  auto disk = zarn::CVMDKDisk::create(fs_.get(), uri_, 24 * kMiB, "", false, -1, 4 * kMiB, "", 0xFFFFFFFF, true);
-  EXPECT_EQ(fs_->listFiles().size(), 3u);  // descriptor, first extent, lock
-  Bytes out(kMiB);
-  disk->seek(10 * kMiB);
-  disk->read(out.data(), kMiB);
-  EXPECT_EQ(out, Bytes(kMiB, 0));
-  EXPECT_EQ(fs_->listFiles().size(), 3u) << "reading makes nothing";
-  disk->seek(13 * kMiB);
-  disk->write("x", 1);
-  EXPECT_EQ(fs_->listFiles().size(), 4u);
-  EXPECT_TRUE(fs_->fileExists(stale));  // 13 MiB lies in extent 3
-  disk = nullptr;
-  disk = open(kx::IIOStream::ACCESS_READ);
-  disk->seek(13 * kMiB);
-  disk->read(out.data(), 2);
-  EXPECT_EQ(out[0], 'x');
-}
-
 TEST_F(DiskTest, OpeningAndIOErrorsCarryTheirCodesAndMessages) {
   const auto rewrite = [&](const std::string& from, const std::string& to) {
     Bytes bytes = test::readFileBytes(*fs_, uri_);
@@ -413,10 +383,6 @@ TEST_F(DiskTest, AReaderNeedsNoLockFileButAWriterDoes) {
   EXPECT_NO_THROW(open(kx::IIOStream::ACCESS_READ_WRITE));
 }
 
-}  // namespace
-
-namespace {
-
 TEST(DiskKeysTest, DerivationIsPBKDF2OfTheUTF8Password) {
   kx::TBuffer<unsigned char> salt;
   salt.assign(reinterpret_cast<const unsigned char*>("0123456789abcdef"), 16);
@@ -441,49 +407,6 @@ TEST(DiskKeysTest, DerivationIsPBKDF2OfTheUTF8Password) {
     EXPECT_EQ(error.getMessage(), c.message);
   }
   EXPECT_THROW(zarn::CVMDKDisk::deriveEncryptKey(key, 32, "x", "pkcs5-pbkdf2-hmac-sha1:", salt), kx::CError);
-}
-
-TEST_F(DiskTest, ATamperedKeyHashIsAWrongPassword) {
-  create({"", true, -1, "secret", 0});
-  auto disk = open(kx::IIOStream::ACCESS_READ_WRITE, "secret");
-  kx::TBuffer<unsigned char> hash = disk->getDescriptor()->getKxEncryptionKeyHash();
-  hash.getData()[0] ^= 1;
-  disk->getDescriptor()->setKxEncryptionKeyHash(hash);
-  disk->storeDescriptor();
-  disk = nullptr;
-  const kx::CError error = test::caught([&] { open(kx::IIOStream::ACCESS_READ, "secret"); }, kx::CError("none"));
-  EXPECT_EQ(error.getMessage(), "Specified VMDK encryption password is not correct.");
-}
-
-}  // namespace
-
-namespace {
-
-// A writer in another process holds the disk until it ends, also when it is
-// killed; the lock file it leaves behind doesn't keep others out.
-TEST(DiskProcessTest, AWriterInAnotherProcessHoldsTheDiskUntilItDies) {
-  test::CTempDir dir;
-  auto fs = kx::create<kx::CLocalFileSystem>();
-  const kx::CURI uri = dir.getFileURI("disk.vmdk");
-  zarn::CVMDKDisk::create(fs.get(), uri, 1, "", false, -1, -1, "", 0xFFFFFFFF, false);
-  int ready[2];
-  ASSERT_EQ(::pipe(ready), 0);
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    auto disk = kx::create<zarn::CVMDKDisk>(kx::create<kx::CLocalFileSystem>().get(), uri,
-                                            kx::IIOStream::ACCESS_READ_WRITE, "");
-    ::write(ready[1], "x", 1);
-    ::pause();  // holds the disk until killed
-    ::_exit(0);
-  }
-  char byte;
-  ASSERT_EQ(::read(ready[0], &byte, 1), 1);
-  EXPECT_THROW(kx::create<zarn::CVMDKDisk>(fs.get(), uri, kx::IIOStream::ACCESS_READ_WRITE, ""), kx::CLockFileError);
-  ::kill(pid, SIGKILL);
-  ::waitpid(pid, nullptr, 0);
-  EXPECT_NO_THROW(kx::create<zarn::CVMDKDisk>(fs.get(), uri, kx::IIOStream::ACCESS_READ_WRITE, ""));
-  ::close(ready[0]);
-  ::close(ready[1]);
 }
 
 }  // namespace

@@ -133,10 +133,6 @@ TEST_F(ParentChainTest, MakingGrainsIndependentLetsTheChildStandAlone) {
   }
 }
 
-}  // namespace
-
-namespace {
-
 TEST_F(ParentChainTest, AnOnDemandChildReadsItsParentAndMakesAFileOnlyWhenItCopies) {
   const uint32_t base = make("base.vmdk", 24 * kMiB, false, "", 0xFFFFFFFF, 0, 384, 1);
   zarn::CVMDKDisk::create(fs_.get(), uri("child.vmdk"), 24 * kMiB, "", false, -1, 4 * kMiB, "base.vmdk", base, true);

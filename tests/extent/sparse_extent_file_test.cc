@@ -11,7 +11,6 @@
 #include "tests/support/file_bytes.h"
 #include "tests/support/grain_data.h"
 #include "tests/support/grain_stack.h"
-#include "tests/support/log_capture.h"
 #include "tests/support/stream_wrapper.h"
 #include "zarn/low_level_file_stream.h"
 
@@ -212,34 +211,6 @@ TEST_F(SparseExtentFileTest, GrainDataReachesTheFileBeforeTheTablesThatPointAtIt
       cache_ = kx::create<zarn::CVMDKGrainTableCache>();
     }
   }
-}
-
-TEST_F(SparseExtentFileTest, AWriterThatStoppedBeforeItsFlushLosesNothingFlushedBefore) {
-  make(true, false, 64);
-  const Bytes first = test::noiseGrain(kGrain, 3), second = test::textGrain(kGrain, 3);
-  Bytes crashed;
-  {
-    auto extent = open();
-    extent->write(first.data(), kGrain);
-    extent->flushChanges();
-    extent->write(second.data(), kGrain);
-    extent->seek(5 * kGrain);  // stores grain 1 behind grain 0, over the trail
-    extent->getStream()->flush();
-    crashed = file();  // the process dies here: no trail, no table for grain 1
-  }
-  test::writeFileBytes(*fs_, uri_, crashed);
-  test::CLogCapture log;
-  auto extent = open();
-  EXPECT_EQ(log.count(kx::LogLevel::Warning), 1u);
-  Bytes out(kGrain);
-  extent->read(out.data(), kGrain);
-  EXPECT_EQ(out, first);
-  extent->seek(9 * kGrain);
-  extent->write(second.data(), kGrain);
-  extent->flushChanges();
-  const Bytes now = file();
-  const auto head = static_cast<int64_t>(extent->getHeader().getOverheadSectors()) * 512;
-  EXPECT_TRUE(std::equal(crashed.begin() + head, crashed.end(), now.begin() + head)) << "the unknown tail was kept";
 }
 
 TEST_F(SparseExtentFileTest, SpaceAccounting) {

@@ -13,18 +13,6 @@ namespace {
 
 using Bytes = std::vector<unsigned char>;
 
-TEST(DataPreparerTest, WithoutCompressionNothingHappens) {
-  zarn::CVMDKDataPreparer preparer(128, false, -1);
-  kx::TBuffer<unsigned char> source(100), aux;
-  EXPECT_FALSE(preparer.doesAnything());
-  EXPECT_EQ(preparer.getWorstCaseGrainSizeSectors(), 128);
-  EXPECT_EQ(preparer.prepareGrainData(&source, 5, &aux).get(), &source);
-  EXPECT_EQ(preparer.unprepareGrainData(&source, &aux).get(), &source);
-  source.fill(7);
-  preparer.patchGrainIndexInPreparedGrainData(source, 3);
-  EXPECT_EQ(source.getData()[0], 7);
-}
-
 TEST(DataPreparerTest, PreparedGrainsHaveHeaderPaddingAndTheirBound) {
   zarn::CVMDKDataPreparer preparer(128, true, -1);
   const Bytes text = test::textGrain(65536, 2), noise = test::noiseGrain(65536, 2);

@@ -45,13 +45,12 @@ class GrainDirectoryTest : public ::testing::Test {
   zarn::CVMDKSparseExtentHeader header_;
 };
 
-TEST_F(GrainDirectoryTest, Counts) {
+// A capacity that ends inside a grain counts that grain; no disk test makes one.
+TEST_F(GrainDirectoryTest, APartGrainCounts) {
   EXPECT_EQ(zarn::CVMDKGrainDirectory::calcExtentGrainCount(1, 128), 1);
   EXPECT_EQ(zarn::CVMDKGrainDirectory::calcExtentGrainCount(128, 128), 1);
   EXPECT_EQ(zarn::CVMDKGrainDirectory::calcExtentGrainCount(129, 128), 2);
   EXPECT_EQ(zarn::CVMDKGrainDirectory::calcExtentGrainCount(INT64_MAX, 1), INT64_MAX);
-  EXPECT_EQ(zarn::CVMDKGrainDirectory::calcExtentGrainTableCount(65536, 128, 512), 1);
-  EXPECT_EQ(zarn::CVMDKGrainDirectory::calcExtentGrainTableCount(65537, 128, 512), 2);
 }
 
 TEST_F(GrainDirectoryTest, LoadsBlocksOf32AndNeverReplacesACachedTable) {
@@ -99,20 +98,6 @@ TEST_F(GrainDirectoryTest, FindsTheSlotDirectoryBehindTheLastTable) {
   ASSERT_EQ(log.count(kx::LogLevel::Warning), 1u);
   EXPECT_NE(log.lines[0].text.find("(actual: 2, expected: 1, uri: 'file:///d.vmdk')"), std::string::npos);
   EXPECT_THROW(open(true), kx::CError);
-}
-
-TEST_F(GrainDirectoryTest, DamagedGeometryIsRefusedBeforeAnythingIsAllocated) {
-  make(false, 3);
-  EXPECT_EQ(test::ioErrorCode([&] { open(false, int64_t{1} << 62); }), 5);  // 2^46 tables in a small file
-  auto dir = open(false);
-  const int64_t directory = static_cast<int64_t>(header_.getGrainDirectoryOffsetSectors());
-  dir = nullptr;
-  patch(directory * 512 + 4, 1 << 30, 4);  // table 1 lies far beyond the end
-  dir = open(false);
-  EXPECT_EQ(test::ioErrorCode([&] { dir->getGrainTable(1); }), 5);
-  EXPECT_NO_THROW(dir->getGrainTable(2));  // a damaged neighbour spoils only itself
-  patch(56, 1 << 30, 8);
-  EXPECT_EQ(test::ioErrorCode([&] { open(false); }), 5);
 }
 
 }  // namespace

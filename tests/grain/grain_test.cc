@@ -129,43 +129,6 @@ TEST_F(GrainTest, CompressedGrainStaysInItsSlotOrMovesOnceToTheWorstCase) {
   EXPECT_EQ(s.readGrain(0), test::noiseGrain(kGrain, 2));
 }
 
-TEST_F(GrainTest, ZerosWithoutSlotTakeNoRoomButZerosOverDataAreStored) {
-  auto s = stack();
-  const int64_t length = s.stream->getLength();
-  const Bytes zeros(kGrain, 0), data = test::textGrain(kGrain, 0);
-  s.writeAt(1, 0, zeros.data(), kGrain);
-  s.flush();
-  EXPECT_EQ(s.stream->getLength(), length);
-  EXPECT_FALSE(s.grain->isGrainWritten());
-
-  s.writeAt(2, 0, data.data(), kGrain);
-  s.writeAt(2, 0, zeros.data(), kGrain);
-  s.flush();
-  int64_t pos = 0, slot = 0;
-  s.slotOf(2, pos, slot);
-  EXPECT_GT(pos, 0);
-  EXPECT_EQ(s.readGrain(2), zeros);
-}
-
-TEST_F(GrainTest, PartialWritesTakeTheRestFromTheProviderOrZeros) {
-  for (bool withProvider : {false, true}) {
-    auto provider = kx::create<test::CPatternProvider>();
-    auto o = opts(true, false);
-    if (withProvider) o.provider = provider.get();
-    auto s = stack(o);
-    const Bytes part = test::noiseGrain(100, 9);
-    s.writeAt(2, 1000, part.data(), 100);
-    s.flush();
-    Bytes want(kGrain);
-    for (int i = 0; i < kGrain; ++i) want[i] = withProvider ? test::CPatternProvider::byteAt(2 * kGrain + i) : 0;
-    std::copy(part.begin(), part.end(), want.begin() + 1000);
-    EXPECT_EQ(s.readGrain(2), want);
-    s.openGrain(5);
-    EXPECT_EQ(s.grain->isGrainWritten(), withProvider);
-    EXPECT_FALSE(s.grain->isGrainWrittenAndIndependentOfParent());
-  }
-}
-
 TEST_F(GrainTest, PreparedGrainsMoveBetweenClearAndEncryptedExtents) {
   for (bool compressed : {false, true}) {
     const Bytes data = test::textGrain(kGrain, 4);

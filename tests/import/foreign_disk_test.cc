@@ -85,11 +85,8 @@ TEST_F(ForeignDiskTest, DescriptorLayoutsRead) {
     bool compressed;
     std::string reason;
   } cases[] = {
-      {"monolithicFlat", descriptor("monolithicFlat", "RW 385 FLAT \"a.raw\" 0"), a, {0, 0, 0, 0}, false, flat},
       {"flat at an offset", descriptor("monolithicFlat", "RW 128 FLAT \"a.raw\" 10"), slice(a, 5120, kGrain), {0},
        false, flat},
-      {"twoGbMaxExtentFlat", descriptor("twoGbMaxExtentFlat", "RW 200 FLAT \"a.raw\" 0\nRW 64 FLAT \"b.raw\" 0"),
-       join({slice(a, 0, 200 * 512), b}), {0, 0, 0}, false, flat},
       {"vmfs", descriptor("vmfs", "RW 128 VMFS \"a.raw\""), slice(a, 0, kGrain), {0}, false, flat},
       {"zero between flat", descriptor("monolithicFlat", "RW 128 FLAT \"a.raw\" 0\nRW 256 ZERO\nRW 64 FLAT \"b.raw\" 0"),
        join({slice(a, 0, kGrain), Bytes(2 * kGrain, 0), b}), {0, -1, -1, 0}, false, flat},

@@ -17,13 +17,11 @@ import time
 import pytest
 
 import zarn
-from peers import GRAIN, MIB, PASSWORD, mixed_bytes, require, zarn_img, zarn_img_raw
+from peers import GRAIN, MIB, PASSWORD, mixed_bytes, zarn_img, zarn_img_raw
 
 CREATE_CASES = {
     "monolithicSparse": dict(layout="monolithicSparse"),
-    "split": dict(layout="twoGbMaxExtentSparse", split_size=4 * MIB),
     "split on demand": dict(layout="twoGbMaxExtentSparse", split_size=4 * MIB, on_demand=True),
-    "streamOptimized": dict(layout="streamOptimized"),
     "streamOptimized split, level 9": dict(layout="streamOptimized", split_size=4 * MIB, compression_level=9),
     "encrypted": dict(layout="monolithicSparse", password=PASSWORD),
     "encrypted streamOptimized": dict(layout="streamOptimized", password=PASSWORD),
@@ -112,15 +110,6 @@ def test_io_protocol_of_a_read_only_disk(tmp_path):
         assert buffered.peek(10)[:10] == data[12345:12355]
         buffered.seek(3 * MIB + 1)
         assert buffered.read(GRAIN) == data[3 * MIB + 1:3 * MIB + 1 + GRAIN]
-        disk.seek(0)
-        h = hashlib.sha256()
-        for chunk in iter(lambda: disk.read(300000), b""):
-            h.update(chunk)
-        assert h.hexdigest() == hashlib.sha256(data).hexdigest()
-        disk.seek(0)
-        out = io.BytesIO()
-        shutil.copyfileobj(disk, out)
-        assert out.getvalue() == data
     assert disk.closed
     for call in (lambda: disk.read(1), lambda: disk.readinto(bytearray(1)), lambda: disk.seek(0), disk.tell,
                  disk.flush, disk.readable, disk.space, disk.allocated, lambda: disk.content_id):
@@ -187,45 +176,6 @@ def test_a_child_reads_through_its_parent_and_maps_its_depths(tmp_path):
         assert parent.content_id == parent_cid, "the parent was only read"
 
 
-def test_an_encrypted_disk_and_wrong_passwords(tmp_path):
-    path = tmp_path / "secret.vmdk"
-    with zarn.create(path, 8 * MIB, password="right") as disk:
-        disk.seek(12345)
-        disk.write(b"hidden text")
-    assert b"hidden text" not in path.read_bytes()
-    with zarn.open(path, password="right") as disk:
-        assert disk.encrypted
-        disk.seek(12345)
-        assert disk.read(11) == b"hidden text"
-    for password, message in ((None, "VMDK is encrypted but no password provided"),
-                              ("wrong", "Specified VMDK encryption password is not correct.")):
-        with pytest.raises(zarn.Error) as caught:
-            zarn.open(path, password=password)
-        assert caught.value.message == message
-        assert isinstance(caught.value, OSError) and isinstance(caught.value.properties, dict)
-
-
-def test_a_disk_made_by_qemu_img_is_read_and_written(tmp_path):
-    qemu_img = require("qemu-img")
-    path = tmp_path / "qemu.vmdk"
-    subprocess.run([qemu_img, "create", "-q", "-f", "vmdk", str(path), "12M"], check=True)
-    subprocess.run([require("qemu-io"), "-f", "vmdk", "-c", "write -P 0x61 1000000 300000", str(path)],
-                   check=True, capture_output=True)
-    model = bytearray(12 * MIB)
-    model[1000000:1300000] = b"a" * 300000
-    with zarn.open(path, "r+b") as disk:
-        assert disk.read() == model
-        for at, n in ((GRAIN - 1, 2), (1299999, 5000), (12 * MIB - 77, 77)):
-            piece = random.Random(at).randbytes(n)
-            disk.seek(at)
-            disk.write(piece)
-            model[at:at + n] = piece
-    subprocess.run([qemu_img, "check", "-q", str(path)], check=True)
-    subprocess.run([qemu_img, "convert", "-f", "vmdk", "-O", "raw", str(path), str(tmp_path / "q.raw")],
-                   check=True)
-    assert (tmp_path / "q.raw").read_bytes() == model
-
-
 def make_plain(tmp_path, name="disk.vmdk", size=8 * MIB):
     path = tmp_path / name
     zarn.create(path, size).close()
@@ -259,6 +209,9 @@ def test_errors_follow_the_librarys_family(tmp_path):
                  errno_value=errno.ENOENT)
     expect_error(zarn.InvalidArgError, lambda: zarn.create(tmp_path / "huge.vmdk", 1 << 60),
                  errno_value=errno.EINVAL, prop="sizeBytes")
+    zarn.create(tmp_path / "secret.vmdk", 8 * MIB, password="right").close()
+    expect_error(zarn.Error, lambda: zarn.open(tmp_path / "secret.vmdk", password="wrong"),
+                 message="Specified VMDK encryption password is not correct.")
     with zarn.open(path, "r+b") as disk:
         expect_error(zarn.IOError, lambda: disk.seek(8 * MIB + 1), code=7, errno_value=errno.EINVAL)
         expect_error(zarn.IOError, lambda: disk.seek(-1), code=7)

@@ -52,7 +52,6 @@ class CPatternProvider final : public kx::CBase, public zarn::IVMDKDataProvider 
   void getData(int64_t position, void* buffer, int size) override {
     auto* out = static_cast<unsigned char*>(buffer);
     for (int i = 0; i < size; ++i) out[i] = byteAt(position + i);
-    ++getDataCalls;
   }
   void getPreparedGrainData(int64_t position, kx::TBuffer<unsigned char>& buffer, int grainSize,
                             bool compressed) override {
@@ -62,8 +61,6 @@ class CPatternProvider final : public kx::CBase, public zarn::IVMDKDataProvider 
     buffer = *preparer.prepareGrainData(&plain, position / grainSize, &aux);
   }
   bool isGrainWritten(int64_t) override { return true; }
-
-  int getDataCalls = 0;
 };
 
 }  // namespace test

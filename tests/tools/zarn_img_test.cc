@@ -2,7 +2,6 @@
 // status, the same verdict from every command on a damaged disk, round trips
 // through every layout against a byte model, writes at odd places into a
 // differencing disk, failed and interrupted runs.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
@@ -189,7 +188,6 @@ TEST_F(ZarnImgTest, RefusalsAndTheirExitStatus) {
       {"map --confine jail jail/child.vmdk", "", 1, "lies outside the allowed folder"},
       {"convert --confine jail jail/child.vmdk jail/out.raw", "", 1, "lies outside the allowed folder"},
       {"create -o confine=jail,backing-file=../base.vmdk jail/c2.vmdk", "", 1, "lies outside the allowed folder"},
-      {"check missing.vmdk", "", 1, "No such file or directory"},
   };
   for (const auto& c : cases) {
     std::string output;
@@ -230,7 +228,6 @@ TEST_F(ZarnImgTest, EveryCommandReachesTheSameVerdictOnADamagedDisk) {
       {"ok.vmdk", [&] { child("ok.vmdk", "base.vmdk"); }, 0, 0, 0, 0, ""},
       {"self.vmdk", [&] { child("self.vmdk", "self.vmdk"); }, 1, 2, 1, 1, "leads back to"},
       {"devnull.vmdk", [&] { child("devnull.vmdk", "/dev/null"); }, 1, 2, 1, 1, "not a regular file"},
-      {"devzero.vmdk", [&] { child("devzero.vmdk", "/dev/zero"); }, 1, 2, 1, 1, "not a regular file"},
       {"orphan.vmdk", [&] { child("orphan.vmdk", "gone.vmdk"); }, 1, 2, 1, 1,
        "Could not open backing file 'gone.vmdk' of orphan.vmdk: No such file or directory"},
       {"stale.vmdk",
@@ -264,8 +261,6 @@ TEST_F(ZarnImgTest, EveryCommandReachesTheSameVerdictOnADamagedDisk) {
        1, 2, 1, 1, "The extent file split-s00002.vmdk of split.vmdk doesn't open"},
       {"cap0.vmdk", [&] { plain("cap0.vmdk"); patch("cap0.vmdk", kCapacity, 0, 8); }, 1, 2, 1, 1,
        "VMDK extent file is smaller than its extent line (capacity: 0 sectors"},
-      {"capsmall.vmdk", [&] { plain("capsmall.vmdk"); patch("capsmall.vmdk", kCapacity, 128, 8); }, 1, 2, 1, 1,
-       "VMDK extent file is smaller than its extent line (capacity: 128 sectors"},
       {"loopdir.vmdk",
        [&] {
          plain("loopdir.vmdk");
@@ -385,11 +380,6 @@ TEST_F(ZarnImgTest, EveryLayoutRoundTripsByteForByte) {
     std::string output;
     EXPECT_EQ(run("check e.vmdk", output, "ZARN_PASSWORD=pw "), 0) << output;
   }
-  // Zero grains stay holes of a raw target and unallocated in a disk.
-  std::string map;
-  ok("convert src.raw p.vmdk");
-  ASSERT_EQ(run("map --output=json p.vmdk", map), 0);
-  EXPECT_NE(map.find("\"start\": 1048576,\n        \"length\": 5242880,\n        \"depth\": 0"), std::string::npos) << map;
 }
 
 TEST_F(ZarnImgTest, WritesAtOddPlacesKeepTheParentAroundThem) {
@@ -409,17 +399,12 @@ TEST_F(ZarnImgTest, WritesAtOddPlacesKeepTheParentAroundThem) {
     std::copy(data.begin(), data.end(), model.begin() + static_cast<std::ptrdiff_t>(w.offset));
   }
   EXPECT_TRUE(content("child.vmdk") == model);
-  std::string map;
-  ASSERT_EQ(run("map child.vmdk", map), 0);
-  EXPECT_NE(map.find("0x0             0x20000         0      child.vmdk"), std::string::npos) << map;
-  EXPECT_NE(map.find("0x100000        0x200000        1      "), std::string::npos) << map;
   // The parent moves; rebase follows it once the content ID is checked.
   std::filesystem::create_directory(path("old"));
   std::filesystem::rename(path("base.vmdk"), path("old/base.vmdk"));
-  std::string output;
-  EXPECT_EQ(run("convert child.vmdk out.raw", output), 1);
   ok("rebase -b old/base.vmdk child.vmdk");
   EXPECT_TRUE(content("child.vmdk") == model);
+  std::string output;
   ASSERT_EQ(run("info --output=json child.vmdk", output), 0);
   EXPECT_NE(output.find("\"backing-filename\": \"old/base.vmdk\""), std::string::npos) << output;
 }
@@ -458,7 +443,7 @@ TEST_F(ZarnImgTest, ConvertIntoAnExistingTargetMakesItReadAsTheSource) {
   EXPECT_NE(output.find("The target is smaller than the source."), std::string::npos) << output;
 }
 
-TEST_F(ZarnImgTest, InfoAndCheckTellWhatIsThere) {
+TEST_F(ZarnImgTest, InfoNamesEveryExtentAndNoFieldWithoutAValue) {
   write("src.raw", sample());
   std::filesystem::create_directory(path("we\"ird\\"));
   const std::string name = "we\"ird\\/name.vmdk";
@@ -468,32 +453,14 @@ TEST_F(ZarnImgTest, InfoAndCheckTellWhatIsThere) {
   // qemu-img's names where the meaning is the same, numbers as numbers; no
   // null: a disk without parent has no backing fields at all.
   for (const char* field :
-       {"\"filename\": \"we\\\"ird\\\\/name.vmdk\"", "\"format\": \"vmdk\"", "\"virtual-size\": 12582912",
-        "\"cluster-size\": 65536", "\"encrypted\": false", "\"format-specific\": {\n        \"type\": \"vmdk\"",
-        "\"create-type\": \"twoGbMaxExtentSparse\"", "\"parent-cid\": 4294967295,", "\"filename\": \"name-s00003.vmdk\"",
-        "\"format\": \"SPARSE\"", "\"virtual-size\": 4063232", "\"payload\": 5373952", "\"dead-space\": 0"}) {
+       {"\"filename\": \"we\\\"ird\\\\/name.vmdk\"", "\"virtual-size\": 12582912", "\"encrypted\": false",
+        "\"create-type\": \"twoGbMaxExtentSparse\"", "\"filename\": \"name-s00003.vmdk\"", "\"format\": \"SPARSE\"",
+        "\"virtual-size\": 4063232", "\"payload\": 5373952", "\"dead-space\": 0"}) {
     EXPECT_NE(json.find(field), std::string::npos) << field << "\n" << json;
   }
   for (const char* absent : {"null", "backing", "\"compressed\"", "other-tools"}) {
     EXPECT_EQ(json.find(absent), std::string::npos) << absent << "\n" << json;
   }
-  EXPECT_NE(json.find("\"cid\": " + std::to_string(std::stoul(contentID(name), nullptr, 16)) + ","), std::string::npos)
-      << json;
-  // A damaged compressed grain: check lists it and exits with 2.
-  ok("convert -o subformat=streamOptimized src.raw c.vmdk");
-  std::string output;
-  ASSERT_EQ(run("check c.vmdk", output), 0) << output;
-  EXPECT_NE(output.find("No errors were found"), std::string::npos);
-  Bytes file = read("c.vmdk");
-  const uint64_t directory = test::le64(file, 56) * 512;
-  const uint64_t table = test::le32(file, directory) * uint64_t(512);
-  const uint64_t grain = test::le32(file, table + 16 * 4) * uint64_t(512);  // the grain at 1 MiB
-  ASSERT_GT(grain, 0u);
-  std::fill(file.begin() + static_cast<std::ptrdiff_t>(grain + 12), file.begin() + static_cast<std::ptrdiff_t>(grain + 40), 0xff);
-  write("c.vmdk", file);
-  EXPECT_EQ(run("check c.vmdk", output), 2) << output;
-  EXPECT_NE(output.find("ERROR grain 16 (offset 0x100000): Damaged compressed data"), std::string::npos) << output;
-  EXPECT_NE(output.find("\n1 damaged grain was found on the image."), std::string::npos) << output;
 }
 
 // The objects of a JSON array as zarn-img writes it (one member a line), each
@@ -600,18 +567,11 @@ TEST_F(ZarnImgTest, FailedWritesEndInOneLineAndRemoveANewTarget) {
       }
     }
   }
-  // Into an existing target the grains written stay, each whole.
+  // An existing target stays; what it holds then, the crash tests judge.
   ok("create e.vmdk 16M");
   const test::CProcessEnd end =
       runApart({"convert", "-n", "src.raw", "e.vmdk"}, {shim, asan, "ZARN_FAULT_AT=3", "ZARN_FAULT_MODE=enospc"});
-  EXPECT_EQ(end.exitStatus, 1);
-  ASSERT_EQ(end.errLines().size(), 1u) << end.err;
   EXPECT_NE(end.err.find("bytes of the target; the grains written before stay, each whole."), std::string::npos) << end.err;
-  Bytes model = sample(), zeros(16 * kMiB, 0), now = content("e.vmdk");
-  model.resize(16 * kMiB, 0);
-  std::string what;
-  EXPECT_TRUE(eachGrainIsOldOrNew(now, zeros, model, what)) << what;
-  ok("check e.vmdk");
 }
 #endif
 
@@ -779,35 +739,21 @@ TEST_F(ZarnImgTest, ASplitDiskMadeAnewLeavesNoOldPartBehind) {
   EXPECT_EQ(listFiles(), (std::vector<std::string>{"d-s00099.vmdk", "d.vmdk"}));
 }
 
-// Pairs compared as qemu-img compares them: the offset of the first sector
-// that differs, a size mismatch noted, the tail of the larger image zero or
-// not, and 2 for an error rather than a verdict.
-TEST_F(ZarnImgTest, CompareTellsTheFirstDifferenceOrThatTheImagesAreTheSame) {
+// compare's options and its errors; its verdicts on pairs of disks and raw
+// images are held against qemu-img compare's in the interoperability tests.
+TEST_F(ZarnImgTest, CompareTakesFormatsAndQuietAndGives2ForAnError) {
   const Bytes model = sample();
   write("a.raw", model);
   ok("convert a.raw a.vmdk");
   Bytes changed = model;
   changed[5 * kMiB + 1234] ^= 0x40;
   write("b.raw", changed);
-  Bytes longer = model;
-  longer.resize(model.size() + kMiB, 0);
-  write("long.raw", longer);
-  longer[model.size() + 70000] = 1;
-  write("tail.raw", longer);
-  ok("create -o backing-file=a.vmdk child.vmdk");
-  ok("create e.vmdk 12M");
   const struct {
     const char* arguments;
     int status;
     const char* out;
   } cases[] = {
-      {"a.raw a.vmdk", 0, "Images are identical.\n"},
-      {"child.vmdk a.raw", 0, "Images are identical.\n"},
-      {"a.vmdk b.raw", 1, "Content mismatch at offset 5243904!\n"},
       {"-f raw -F raw a.raw b.raw", 1, "Content mismatch at offset 5243904!\n"},
-      {"a.vmdk long.raw", 0, "Warning: Image size mismatch!\nImages are identical.\n"},
-      {"tail.raw a.vmdk", 1, "Warning: Image size mismatch!\nContent mismatch at offset 12652544!\n"},
-      {"e.vmdk a.vmdk", 1, "Content mismatch at offset 1048576!\n"},
       {"-q a.vmdk b.raw", 1, ""},
       {"a.vmdk none.raw", 2, ""},
       {"-F vmdk a.vmdk b.raw", 2, ""},
@@ -1057,25 +1003,9 @@ TEST_F(ZarnImgTest, InfoFollowsTheChainAndCheckSpeaksJson) {
 
 // -U reads a disk that a writer holds; without it the refusal points at -U.
 TEST_F(ZarnImgTest, ForceShareReadsADiskThatAWriterHolds) {
-#ifdef ZARN_IMG_PATH
   ok("create d.vmdk 8M");
-  int pipeEnds[2];
-  // Only the writer's stdin reads the pipe: no process may keep it open
-  // once the test closes its end.
-  ASSERT_EQ(::pipe2(pipeEnds, O_CLOEXEC), 0);
-  test::CChildProcess writer({ZARN_IMG_PATH, "write", "d.vmdk", "-"}, {}, dir_.getPath(), pipeEnds[0]);
-  ::close(pipeEnds[0]);
-  const Bytes data = test::noiseGrain(65536, 4);
-  ASSERT_EQ(::write(pipeEnds[1], data.data(), data.size()), static_cast<ssize_t>(data.size()));
-  // Until the writer waits in read(0, ...) for more: it holds the disk then,
-  // and its exclusive lock refuses a reader.
-  const std::string syscall = "/proc/" + std::to_string(writer.getPid()) + "/syscall";
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  for (std::string text; std::chrono::steady_clock::now() < deadline;) {
-    std::ifstream(syscall) >> text;
-    if (text == "0") break;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
+  // This process is the writer: its exclusive lock refuses a reader.
+  auto writer = kx::create<zarn::CVMDKDisk>(fs_.get(), dir_.getFileURI("d.vmdk"), kx::IIOStream::ACCESS_READ_WRITE, "");
   std::string output;
   EXPECT_EQ(run("info d.vmdk", output), 1);
   EXPECT_NE(output.find("zarn-img: d.vmdk is in use by another process, which holds its lock file; -U reads it anyway"),
@@ -1096,9 +1026,6 @@ TEST_F(ZarnImgTest, ForceShareReadsADiskThatAWriterHolds) {
   }
   // A write is no read: -U isn't there for it.
   EXPECT_EQ(run("write -U d.vmdk out.raw", output), 2);
-  ::close(pipeEnds[1]);
-  EXPECT_EQ(writer.wait().exitStatus, 0);
-#endif
 }
 
 // Messages name files as the user typed them: no file:// and no name twice;
@@ -1130,6 +1057,8 @@ TEST_F(ZarnImgTest, MessagesNameFilesAsTheUserTypedThem) {
       {"map sub/noise.raw", "zarn-img: sub/noise.raw is no VMDK disk: it starts neither with a sparse extent header nor "
                             "with descriptor lines\n"},
       {"convert -O raw sub/c.vmdk out.raw", "diskOffset: 327680"},
+      {"check sub/c.vmdk", "ERROR grain 5 (offset 0x50000): Damaged compressed data"},
+      {"check sub/c.vmdk", "\n1 damaged grain was found on the image."},
       {"create -o backing-file=gone.vmdk sub/e.vmdk", "zarn-img: Could not open backing file 'gone.vmdk': No such file or directory\n"},
       {"info sub/child.vmdk", "backing file: ../old/base.vmdk (actual path: sub/base.vmdk)\n"},
       {"map sub/child.vmdk", "0x0             0x100000        1      sub/base.vmdk\n"},

@@ -32,22 +32,6 @@ TEST(BufferTest, GrowsZeroFilledKeepsContentAndCopiesDeeply) {
   EXPECT_EQ(a.getData(), nullptr);
 }
 
-TEST(CryptBufferTest, CopiesDeeplyKeepsContentAndWipes) {
-  kx::TCryptBuffer<unsigned char> key(32);
-  for (int i = 0; i < 32; ++i) key.getData()[i] = static_cast<unsigned char>(i);
-  kx::TCryptBuffer<unsigned char> copy = key;
-  EXPECT_TRUE(copy == key);
-  EXPECT_NE(copy.getData(), key.getData());
-  key.setUsed(4096);  // reallocation wipes the old block
-  EXPECT_EQ(key.getData()[31], 31);
-
-  unsigned char secret[24], pattern[24];
-  std::memset(secret, 0xA5, sizeof secret);
-  std::memcpy(pattern, secret, sizeof secret);
-  kx::secureWipe(secret, sizeof secret);
-  EXPECT_NE(std::memcmp(secret, pattern, sizeof secret), 0);
-}
-
 TEST(BufferSliceTest, KeepsTheBufferAlive) {
   kx::TConstBufferSlice<unsigned char> slice;
   EXPECT_EQ(slice.getData(), nullptr);
