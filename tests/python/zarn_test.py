@@ -17,7 +17,7 @@ import time
 import pytest
 
 import zarn
-from peers import GRAIN, MIB, PASSWORD, mixed_bytes, zarn_img, zarn_img_raw
+from peers import GRAIN, MIB, PASSWORD, mixed_bytes, require, zarn_img, zarn_img_raw
 
 CREATE_CASES = {
     "monolithicSparse": dict(layout="monolithicSparse"),
@@ -174,6 +174,27 @@ def test_a_child_reads_through_its_parent_and_maps_its_depths(tmp_path):
     assert (at // GRAIN * GRAIN, 4 * GRAIN, 0) in runs
     with zarn.open(parent_path) as parent:
         assert parent.content_id == parent_cid, "the parent was only read"
+
+
+def test_a_disk_made_by_qemu_img_is_read_and_written(tmp_path):
+    qemu_img = require("qemu-img")
+    path = tmp_path / "qemu.vmdk"
+    subprocess.run([qemu_img, "create", "-q", "-f", "vmdk", str(path), "12M"], check=True)
+    subprocess.run([require("qemu-io"), "-f", "vmdk", "-c", "write -P 0x61 1000000 300000", str(path)],
+                   check=True, capture_output=True)
+    model = bytearray(12 * MIB)
+    model[1000000:1300000] = b"a" * 300000
+    with zarn.open(path, "r+b") as disk:
+        assert disk.read() == model
+        for at, n in ((GRAIN - 1, 2), (1299999, 5000), (12 * MIB - 77, 77)):
+            piece = random.Random(at).randbytes(n)
+            disk.seek(at)
+            disk.write(piece)
+            model[at:at + n] = piece
+    subprocess.run([qemu_img, "check", "-q", str(path)], check=True)
+    subprocess.run([qemu_img, "convert", "-f", "vmdk", "-O", "raw", str(path), str(tmp_path / "q.raw")],
+                   check=True)
+    assert (tmp_path / "q.raw").read_bytes() == model
 
 
 def make_plain(tmp_path, name="disk.vmdk", size=8 * MIB):
