@@ -7,14 +7,8 @@
 #include "grain_locator.h"
 #include "interrupt.h"
 #include "json.h"
-#include "kx/data_stream.h"
 #include "kx/error.h"
 #include "zarn/descriptor.h"
-#include "zarn/extent_info.h"
-#include "zarn/file_reference.h"
-#include "zarn/grain_directory.h"
-#include "zarn/grain_table_cache.h"
-#include "zarn/sparse_extent_header.h"
 
 namespace zarn_img {
 
@@ -72,9 +66,8 @@ int runMap(CToolContext& context, const Args& args) {
   for (int64_t position = 0; position < size; position += grain) {
     checkInterrupted();
     const int depth = findDepth(chain, position);
-    const int level = depth < 0 ? bottom : depth;
-    CMapRun run{position, std::min(grain, size - position), level, depth >= 0, -1, std::string(),
-                chain[static_cast<size_t>(level)].name};
+    CMapRun run{position, std::min(grain, size - position), depth < 0 ? bottom : depth, depth >= 0, -1,
+                std::string(), std::string()};
     if (run.data && !locators[static_cast<size_t>(depth)].locate(position, run.file, run.offset)) {
       run.file = chain[static_cast<size_t>(depth)].name;
     }
@@ -88,6 +81,7 @@ int runMap(CToolContext& context, const Args& args) {
         continue;
       }
     }
+    run.disk = chain[static_cast<size_t>(run.depth)].name;
     runs.push_back(run);
   }
   return printMap(runs, json);

@@ -330,11 +330,10 @@ class CConverter {
       // grains stay holes of the new file.
       size_t end = i;
       int64_t bytes = 0;
+      // Every grain with data is in its stage by now (prepareSlot put it there).
       while (end < count && !batch[end].zero && batch[end].kind != CSlot::kCopy &&
              batch[end].position == batch[i].position + bytes) {
-        CSlot& slot = batch[end];
-        if (!slot.staged) std::memcpy(slot.stage, slot.data(), static_cast<size_t>(slot.length));
-        bytes += slot.length;
+        bytes += batch[end].length;
         ++end;
       }
       ends_.targetRaw->seek(batch[i].position);
