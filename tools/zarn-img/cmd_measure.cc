@@ -66,7 +66,7 @@ int64_t calcEmptyDiskBytes(const zarn::CVMDKDisk::CCreationLayout& layout, bool 
 int64_t calcGrainBytes(const CDiskOptions& options, bool encrypted) {
   const int64_t grainSectors = zarn::CVMDKDisk::getGrainSizeSectors();
   if (!options.isCompressed()) return grainSectors * kSectorBytes;
-  auto preparer = kx::create<zarn::CVMDKDataPreparer>(grainSectors, true, options.compressionLevel);
+  auto preparer = kx::create<zarn::CVMDKDataPreparer>(grainSectors, true, options.getCompressionLevel());
   int64_t bytes = preparer->getWorstCaseGrainSizeSectors() * kSectorBytes;
   if (encrypted) bytes = roundUp(bytes - kGrainHeaderBytes, kCipherBlockBytes) + kGrainHeaderBytes;
   return roundUp(bytes, kSectorBytes);
