@@ -23,30 +23,57 @@ CVMDKGrainCodec::~CVMDKGrainCodec() = default;
 
 void CVMDKGrainCodec::encrypt(int64_t diskGrainIndex, const unsigned char* prepared, int64_t preparedBytes,
                               kx::TBuffer<unsigned char>& stored) {
-  CVMDKGrain::makeGrainEncryptIV(grainIV_, baseIV_, diskGrainIndex);
-  if (compressed_) {
-    if (preparedBytes < kVMDKGrainHeaderSize) {
-      throw kx::CIOError(kx::IOERR_DAMAGED_DATA, "Prepared VMDK grain data is shorter than its header.",
-                         kx::CProps().add("preparedDataSize", preparedBytes));
+  const CJob job{diskGrainIndex, prepared, preparedBytes, &stored};
+  encryptMany(&job, 1);
+}
+
+void CVMDKGrainCodec::encryptMany(const CJob* jobs, size_t count) {
+  const size_t ivBytes = static_cast<size_t>(blockLength_);
+  grainIVs_.setUsed(count * ivBytes);
+  cipherJobs_.resize(count);
+  if (paddedPlains_.size() < count) paddedPlains_.resize(count);
+  for (size_t i = 0; i < count; ++i) {
+    const CJob& job = jobs[i];
+    CVMDKGrain::makeGrainEncryptIV(grainIV_, baseIV_, job.diskGrainIndex);
+    std::memcpy(grainIVs_.getData() + i * ivBytes, grainIV_.getData(), ivBytes);
+    brix::CDataJob& cipherJob = cipherJobs_[i];
+    cipherJob.target = job.stored;
+    if (compressed_) {
+      if (job.preparedBytes < kVMDKGrainHeaderSize) {
+        throw kx::CIOError(kx::IOERR_DAMAGED_DATA, "Prepared VMDK grain data is shorter than its header.",
+                           kx::CProps().add("preparedDataSize", job.preparedBytes));
+      }
+      job.stored->assign(job.prepared, kVMDKGrainHeaderSize);
+      cipherJob.source = job.prepared + kVMDKGrainHeaderSize;
+      cipherJob.sourceSize = static_cast<int>(job.preparedBytes - kVMDKGrainHeaderSize);
+      cipherJob.append = true;
+    } else if (job.preparedBytes < grainSizeBytes_) {
+      kx::TCryptBuffer<unsigned char>& padded = paddedPlains_[i];
+      padded.setUsed(static_cast<size_t>(grainSizeBytes_));
+      std::memcpy(padded.getData(), job.prepared, static_cast<size_t>(job.preparedBytes));
+      std::memset(padded.getData() + job.preparedBytes, 0, static_cast<size_t>(grainSizeBytes_ - job.preparedBytes));
+      cipherJob.source = padded.getData();
+      cipherJob.sourceSize = static_cast<int>(grainSizeBytes_);
+      cipherJob.append = false;
+    } else {
+      cipherJob.source = job.prepared;
+      cipherJob.sourceSize = static_cast<int>(job.preparedBytes);
+      cipherJob.append = false;
     }
-    stored.assign(prepared, kVMDKGrainHeaderSize);
-    cipher_->encryptData(key_, prepared + kVMDKGrainHeaderSize, static_cast<int>(preparedBytes - kVMDKGrainHeaderSize),
-                         stored, true, grainIV_.getData());
-    return;
   }
-  if (preparedBytes < grainSizeBytes_) {
-    paddedPlain_.setUsed(static_cast<size_t>(grainSizeBytes_));
-    std::memcpy(paddedPlain_.getData(), prepared, static_cast<size_t>(preparedBytes));
-    std::memset(paddedPlain_.getData() + preparedBytes, 0, static_cast<size_t>(grainSizeBytes_ - preparedBytes));
-    cipher_->encryptData(key_, paddedPlain_.getData(), static_cast<int>(grainSizeBytes_), stored, false,
-                         grainIV_.getData());
-  } else {
-    cipher_->encryptData(key_, prepared, static_cast<int>(preparedBytes), stored, false, grainIV_.getData());
-  }
-  if (static_cast<int64_t>(stored.getUsed()) != grainSizeBytes_) {
-    throw kx::CError(
-        "Internal error. Encrypted data in CVMDKGrain::writePreparedGrainDataInternal has an unexpected size.", "",
-        -1, kx::CProps().add("originalSize", preparedBytes).add("encryptedSize", static_cast<uint64_t>(stored.getUsed())));
+  // The vectors' buffer doesn't move from here on.
+  for (size_t i = 0; i < count; ++i) cipherJobs_[i].iv = grainIVs_.getData() + i * ivBytes;
+  cipher_->encryptDataMany(key_, cipherJobs_.data(), static_cast<int>(count));
+  if (compressed_) return;
+  for (size_t i = 0; i < count; ++i) {
+    if (static_cast<int64_t>(jobs[i].stored->getUsed()) != grainSizeBytes_) {
+      throw kx::CError(
+          "Internal error. Encrypted data in CVMDKGrain::writePreparedGrainDataInternal has an unexpected size.", "",
+          -1,
+          kx::CProps()
+              .add("originalSize", jobs[i].preparedBytes)
+              .add("encryptedSize", static_cast<uint64_t>(jobs[i].stored->getUsed())));
+    }
   }
 }
 

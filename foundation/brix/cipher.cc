@@ -5,7 +5,9 @@
 
 #include <climits>
 #include <cstring>
+#include <vector>
 
+#include "foundation/brix/aes_lanes.h"
 #include "foundation/brix/openssl_error.h"
 #include "kx/error.h"
 
@@ -65,10 +67,9 @@ void CCipher_AES256CBC::decryptData(const kx::TCryptBuffer<unsigned char>& key, 
   transform("CCipher_AES256CBC::decryptData", false, key, source, sourceSize, target, append, iv);
 }
 
-void CCipher_AES256CBC::transform(const char* context, bool encrypting,
-                                  const kx::TCryptBuffer<unsigned char>& key, const void* source,
-                                  int sourceSize, kx::TBuffer<unsigned char>& target, bool append,
-                                  const void* iv) {
+void CCipher_AES256CBC::checkArguments(const char* context, bool encrypting,
+                                       const kx::TCryptBuffer<unsigned char>& key, const void* source,
+                                       int sourceSize, const void* iv) const {
   if (key.getUsed() != static_cast<size_t>(kKeyBytes)) {
     throw kx::CInvalidArgError(
         context, "Wrong key size",
@@ -84,6 +85,69 @@ void CCipher_AES256CBC::transform(const char* context, bool encrypting,
   }
   if (!iv) throw kx::CInvalidArgError(context, "No initialisation vector");
   if (sourceSize > 0 && !source) throw kx::CInvalidArgError(context, "No source data");
+}
+
+void ICipher::encryptDataMany(const kx::TCryptBuffer<unsigned char>& key, const CDataJob* jobs, int count) {
+  for (int i = 0; i < count; ++i) {
+    encryptData(key, jobs[i].source, jobs[i].sourceSize, *jobs[i].target, jobs[i].append, jobs[i].iv);
+  }
+}
+
+void CCipher_AES256CBC::encryptDataMany(const kx::TCryptBuffer<unsigned char>& key, const CDataJob* jobs,
+                                        int count) {
+  constexpr const char* kContext = "CCipher_AES256CBC::encryptDataMany";
+  static const bool kLanes = lanes::isAvailable();
+  if (!kLanes) {
+    ICipher::encryptDataMany(key, jobs, count);
+    return;
+  }
+  for (int i = 0; i < count; ++i) {
+    checkArguments(kContext, true, key, jobs[i].source, jobs[i].sourceSize, jobs[i].iv);
+    if (!jobs[i].target) throw kx::CInvalidArgError(kContext, "No target buffer");
+  }
+  // Room for the chains and the zero-filled last blocks, reused by the
+  // thread's later calls.
+  thread_local std::vector<lanes::CChain> chains;
+  thread_local std::vector<unsigned char> tails;
+  chains.resize(static_cast<size_t>(count));
+  tails.resize(static_cast<size_t>(count) * kBlockBytes);
+  struct Scrubber {
+    unsigned char roundKeys[lanes::kRoundKeyBytes];
+    std::vector<unsigned char>& tails;
+    ~Scrubber() {
+      OPENSSL_cleanse(roundKeys, sizeof(roundKeys));
+      // The plain tails may be key material.
+      if (!tails.empty()) OPENSSL_cleanse(tails.data(), tails.size());
+    }
+  } scrubber{{}, tails};
+  for (int i = 0; i < count; ++i) {
+    const CDataJob& job = jobs[i];
+    const int wholeBytes = job.sourceSize / kBlockBytes * kBlockBytes;
+    const int tailBytes = job.sourceSize - wholeBytes;
+    const size_t offset = job.append ? job.target->getUsed() : 0;
+    job.target->setUsed(offset + wholeBytes + (tailBytes ? kBlockBytes : 0));
+    lanes::CChain& chain = chains[static_cast<size_t>(i)];
+    chain.source = static_cast<const unsigned char*>(job.source);
+    chain.target = job.target->getData() + offset;
+    chain.blocks = static_cast<size_t>(wholeBytes / kBlockBytes);
+    chain.iv = static_cast<const unsigned char*>(job.iv);
+    chain.tail = nullptr;
+    if (tailBytes) {
+      unsigned char* tail = tails.data() + static_cast<size_t>(i) * kBlockBytes;
+      std::memset(tail, 0, kBlockBytes);
+      std::memcpy(tail, chain.source + wholeBytes, static_cast<size_t>(tailBytes));
+      chain.tail = tail;
+    }
+  }
+  lanes::expandKey(key.getData(), scrubber.roundKeys);
+  lanes::encryptChains(scrubber.roundKeys, chains.data(), chains.size());
+}
+
+void CCipher_AES256CBC::transform(const char* context, bool encrypting,
+                                  const kx::TCryptBuffer<unsigned char>& key, const void* source,
+                                  int sourceSize, kx::TBuffer<unsigned char>& target, bool append,
+                                  const void* iv) {
+  checkArguments(context, encrypting, key, source, sourceSize, iv);
 
   const int wholeBytes = sourceSize / kBlockBytes * kBlockBytes;
   const int tailBytes = sourceSize - wholeBytes;

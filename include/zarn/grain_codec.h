@@ -19,6 +19,7 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 #include "brix/cipher.h"
 #include "kx/base.h"
@@ -43,6 +44,18 @@ class CVMDKGrainCodec : public kx::CBase {
   // size than the grain, and what the cipher raises.
   void encrypt(int64_t diskGrainIndex, const unsigned char* prepared, int64_t preparedBytes,
                kx::TBuffer<unsigned char>& stored);
+  // One grain of encryptMany, with the arguments of encrypt.
+  struct CJob {
+    int64_t diskGrainIndex;
+    const unsigned char* prepared;
+    int64_t preparedBytes;
+    kx::TBuffer<unsigned char>* stored;
+  };
+  // encrypt of every job, each into its own `stored`, which no job's
+  // `prepared` may overlap. Grains are serial chains, so several at once let
+  // the cipher run them side by side. Raises what encrypt raises, before any
+  // grain is encrypted for bad input.
+  void encryptMany(const CJob* jobs, size_t count);
   // `prepared` becomes the prepared form of the stored grain `stored`:
   // `storedBytes` of ciphertext (behind the header for a compressed grain,
   // whose first 12 bytes `stored` holds in the clear). For a compressed grain
@@ -66,7 +79,11 @@ class CVMDKGrainCodec : public kx::CBase {
   kx::TCryptBuffer<unsigned char> key_;
   kx::TBuffer<unsigned char> baseIV_;
   kx::TBuffer<unsigned char> grainIV_;
-  kx::TBuffer<unsigned char> paddedPlain_;
+  // Per job of encryptMany: vectors, cipher jobs, and plain grains shorter
+  // than a grain padded with zeros (wiped: they are the disk's content).
+  kx::TBuffer<unsigned char> grainIVs_;
+  std::vector<brix::CDataJob> cipherJobs_;
+  std::vector<kx::TCryptBuffer<unsigned char>> paddedPlains_;
 };
 
 }  // namespace zarn

@@ -58,6 +58,10 @@ struct CSlot {
   BufferP clear = kx::create<Buffer>();   // a stored grain, decrypted: prepared
   BufferP sealed = kx::create<Buffer>();  // the target's stored form, when it is encrypted
   bool isSealed = false;
+  // What seal() encrypts into `sealed`, when the worker's slots are done:
+  // null when the grain isn't sealed.
+  const unsigned char* toSeal = nullptr;
+  int64_t toSealBytes = 0;
   BufferP plain;   // the grain's bytes (input or unpackAux); null when absent or staged
   BufferP packed;  // the target's prepared form, or null
   bool zero = false;
@@ -95,6 +99,7 @@ class CConverter {
       sourceCodecs_.push_back(source ? source->createGrainCodec() : nullptr);
       targetCodecs_.push_back(target ? target->createGrainCodec() : nullptr);
     }
+    sealJobs_.resize(static_cast<size_t>(threads));
     zeros_.resize(static_cast<size_t>(grainBytes_));
     compare_.resize(static_cast<size_t>(grainBytes_));
     if (ends_.sourceRaw) sourceRegions_ = kx::dynamicCast<kx::IDataRegions>(ends_.sourceRaw);
@@ -133,9 +138,11 @@ class CConverter {
             if (getPendingInterrupt() != 0) return;
             prepareSlot(batch[i], worker);
           }
+          sealSlots(batch, count, worker, threads);
         });
       } else {
         for (size_t i = 0; i < count; ++i) prepareSlot(batch[i], 0);
+        sealSlots(batch, count, 0, 1);
       }
       writeBatch(batches[1 - current], pending, progress);
       if (pool) pool->wait();
@@ -255,6 +262,7 @@ class CConverter {
   // preparers.
   void prepareSlot(CSlot& slot, int worker) {
     slot.isSealed = false;
+    slot.toSeal = nullptr;
     const int64_t index = slot.position / grainBytes_;
     if (slot.kind == CSlot::kStored) {
       // Decrypted, a stored grain is prepared data like any other.
@@ -309,8 +317,23 @@ class CConverter {
   // codec of an encrypted target.
   void seal(CSlot& slot, int worker, const unsigned char* prepared, int64_t bytes) {
     if (!targetCodecs_[worker]) return;
-    targetCodecs_[worker]->encrypt(slot.position / grainBytes_, prepared, bytes, *slot.sealed);
-    slot.isSealed = true;
+    slot.toSeal = prepared;
+    slot.toSealBytes = bytes;
+  }
+
+  // Encrypts the grains seal() noted among the worker's slots, all in one
+  // call: grains are chains of their own, which the cipher runs side by side.
+  void sealSlots(std::vector<CSlot>& batch, size_t count, int worker, int threads) {
+    if (!targetCodecs_[worker]) return;
+    std::vector<zarn::CVMDKGrainCodec::CJob>& jobs = sealJobs_[static_cast<size_t>(worker)];
+    jobs.clear();
+    for (size_t i = static_cast<size_t>(worker); i < count; i += static_cast<size_t>(threads)) {
+      CSlot& slot = batch[i];
+      if (!slot.toSeal) continue;
+      jobs.push_back({slot.position / grainBytes_, slot.toSeal, slot.toSealBytes, slot.sealed.get()});
+      slot.isSealed = true;
+    }
+    targetCodecs_[worker]->encryptMany(jobs.data(), jobs.size());
   }
 
   void writeBatch(std::vector<CSlot>& batch, size_t count, CProgress& progress) {
@@ -435,6 +458,7 @@ class CConverter {
   std::vector<kx::P<zarn::CVMDKDataPreparer>> targetPreparers_;
   std::vector<kx::P<zarn::CVMDKGrainCodec>> sourceCodecs_;
   std::vector<kx::P<zarn::CVMDKGrainCodec>> targetCodecs_;
+  std::vector<std::vector<zarn::CVMDKGrainCodec::CJob>> sealJobs_;
   std::vector<unsigned char> zeros_;
   std::vector<unsigned char> compare_;
   CConvertResult& result_;

@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "kx/error.h"
 #include "kx/parse.h"
@@ -112,6 +113,44 @@ TEST_F(CipherTest, ReusedContextMatchesFreshObjects) {
     back.setUsed(plain.getUsed());
     ASSERT_EQ(back, plain) << "round " << int(round);
   }
+}
+
+// Many chains side by side must give each job exactly what one encryptData
+// call gives it: chains of mixed lengths (so lanes end at different blocks and
+// waiting jobs take their place), partial last blocks, append, more jobs than
+// run at once, and a key whose schedule differs from the NIST one.
+TEST_F(CipherTest, EncryptDataManyMatchesOneCallPerJob) {
+  const int sizes[] = {65536, 16, 0, 1, 4096, 17, 65536, 15, 33, 65531, 512, 48, 65536, 64, 100, 65536, 32, 1000};
+  constexpr int kJobs = sizeof(sizes) / sizeof(sizes[0]);
+  Bytes plain(65536);
+  for (size_t i = 0; i < plain.getUsed(); ++i) plain.getData()[i] = static_cast<unsigned char>(i * 131 + (i >> 9));
+  Key otherKey(32);
+  for (int i = 0; i < 32; ++i) otherKey.getData()[i] = static_cast<unsigned char>(0xF0 - 7 * i);
+  for (const Key* key : {&key_, &otherKey}) {
+    std::vector<Bytes> many(kJobs), single(kJobs);
+    std::vector<unsigned char> ivs(kJobs * 16);
+    std::vector<brix::CDataJob> jobs(kJobs);
+    for (int j = 0; j < kJobs; ++j) {
+      for (int b = 0; b < 16; ++b) ivs[j * 16 + b] = static_cast<unsigned char>(j * 16 + b);
+      const bool append = j % 3 == 1;
+      many[j] = single[j] = fromHex("0102030405060708090a0b0c");
+      jobs[j] = {plain.getData() + j, sizes[j] - (sizes[j] == 65536 ? j : 0), &many[j], append, &ivs[j * 16]};
+      cipher_->encryptData(*key, jobs[j].source, jobs[j].sourceSize, single[j], append, jobs[j].iv);
+    }
+    cipher_->encryptDataMany(*key, jobs.data(), kJobs);
+    for (int j = 0; j < kJobs; ++j) EXPECT_EQ(kx::hexEncode(many[j]), kx::hexEncode(single[j])) << "job " << j;
+  }
+}
+
+TEST_F(CipherTest, EncryptDataManyChecksEveryJobFirst) {
+  const Bytes data(64);
+  Bytes first, second;
+  const brix::CDataJob jobs[] = {{data.getData(), 64, &first, false, iv_.getData()},
+                                 {data.getData(), 64, &second, false, nullptr}};
+  EXPECT_THROW(cipher_->encryptDataMany(key_, jobs, 2), kx::CInvalidArgError);
+  EXPECT_EQ(first.getUsed(), 0u);
+  const Key shortKey = fromHex<Key>("00112233");
+  EXPECT_THROW(cipher_->encryptDataMany(shortKey, jobs, 1), kx::CInvalidArgError);
 }
 
 }  // namespace
