@@ -9,6 +9,9 @@ Run through `make bench-compare`. Settings from the environment:
   BENCH_OPS    4 KiB operations per random I/O run (default 20000)
   BENCH_DIR    where the images and outputs go (default BUILD/bench-compare)
   BENCH_SEED   seed of the image bytes and the random offsets (default 21)
+  BENCH_ROWS   only the rows whose names contain one of these comma-separated
+               words (default: every row); the table then goes to
+               bench-compare-rows.md, not over the full one
 
 Each row runs its two sides as A B A B ..., deletes the outputs after every
 run, and reports the median time of each side and the median of the per-pair
@@ -550,6 +553,11 @@ def main(argv=None):
 
     try:
         rows = build_rows(tool, random_io, work, mixed, sparse, ops, seed)
+        wanted = [w.strip() for w in os.environ.get("BENCH_ROWS", "").split(",") if w.strip()]
+        if wanted:
+            rows = [row for row in rows if any(w in row.name for w in wanted)]
+            if not rows:
+                sys.exit(f"BENCH_ROWS={os.environ['BENCH_ROWS']} names no row")
         for row in rows:
             print(f"== {row.name}", file=sys.stderr, flush=True)
             measure_row(row, pairs, work)
@@ -564,9 +572,10 @@ def main(argv=None):
               f"seed {seed}; load average before {load[0]:.2f}, after {load_after[0]:.2f}\n\n")
     print()
     print(header + table)
-    with open(os.path.join(build, "bench-compare.md"), "w") as f:
+    out = os.path.join(build, "bench-compare-rows.md" if wanted else "bench-compare.md")
+    with open(out, "w") as f:
         f.write(header + table)
-    print(f"written to {os.path.join(build, 'bench-compare.md')}")
+    print(f"written to {out}")
 
 
 if __name__ == "__main__":

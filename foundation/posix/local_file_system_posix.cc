@@ -13,6 +13,7 @@
 #include "kx/error.h"
 #include "kx/data_regions.h"
 #include "kx/range_copy.h"
+#include "kx/write_back.h"
 #include "kx/file_identity.h"
 #include "kx/local_file_system.h"
 #include "foundation/posix/local_file_stream.h"
@@ -137,7 +138,8 @@ class CLocalFileStream final : public CBase,
                                public IIOStream,
                                public IFileIdentity,
                                public IDataRegions,
-                               public IRangeCopy {
+                               public IRangeCopy,
+                               public IWriteBack {
  public:
   CLocalFileStream(const P<CFileHandle>& handle, const CURI& uri, Access access, int64_t length)
       : handle_(handle), uri_(uri), access_(access), length_(length) {}
@@ -236,6 +238,7 @@ class CLocalFileStream final : public CBase,
       }
       done += static_cast<int>(result);
     }
+    if (writeBackInterval_ > 0) startWriteBack(position_, size);
     position_ += size;
     length_ = std::max(length_, position_);
   }
@@ -264,6 +267,28 @@ class CLocalFileStream final : public CBase,
     } while (result < 0 && errno == EINTR);
     if (result < 0) throwSystemError("Flushing the file to the device", errno, uri_);
     unsynced_ = false;
+  }
+
+  void setWriteBackInterval(int64_t bytes) override {
+    writeBackInterval_ = std::max<int64_t>(0, bytes);
+    pendingBytes_ = 0;
+  }
+
+  // Starts the device's writeback of what was written since the last time
+  // once it reaches the interval; its failures the next flush reports.
+  void startWriteBack(int64_t position, int64_t size) {
+    if (pendingBytes_ == 0) {
+      pendingStart_ = position;
+      pendingEnd_ = position + size;
+    } else {
+      pendingStart_ = std::min(pendingStart_, position);
+      pendingEnd_ = std::max(pendingEnd_, position + size);
+    }
+    pendingBytes_ += size;
+    if (pendingBytes_ < writeBackInterval_) return;
+    ::sync_file_range(handle_->get(), static_cast<off64_t>(pendingStart_),
+                      static_cast<off64_t>(pendingEnd_ - pendingStart_), SYNC_FILE_RANGE_WRITE);
+    pendingBytes_ = 0;
   }
 
   void setLength(int64_t length) override {
@@ -391,6 +416,10 @@ class CLocalFileStream final : public CBase,
   int64_t position_ = 0;  // may lie past the end after the file was shortened
   int64_t length_;
   bool unsynced_ = false;  // written to since the last flush
+  int64_t writeBackInterval_ = 0;  // 0: pages are left to the system
+  int64_t pendingStart_ = 0;  // the range written since the last hand-over
+  int64_t pendingEnd_ = 0;
+  int64_t pendingBytes_ = 0;
 };
 
 }  // namespace
