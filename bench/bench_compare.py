@@ -226,6 +226,9 @@ def run_timed(command, rss_file):
         os.makedirs(command.out)
     if command.prepare:
         command.prepare()
+    # Every run starts with the device settled: no side pays for writing back
+    # what an earlier run left in the page cache.
+    os.sync()
     env = dict(os.environ)
     env.pop("ZARN_PASSWORD", None)
     env.update(command.env)
