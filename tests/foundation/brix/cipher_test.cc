@@ -122,7 +122,7 @@ TEST_F(CipherTest, ReusedContextMatchesFreshObjects) {
 TEST_F(CipherTest, EncryptDataManyMatchesOneCallPerJob) {
   const int sizes[] = {65536, 16, 0, 1, 4096, 17, 65536, 15, 33, 65531, 512, 48, 65536, 64, 100, 65536, 32, 1000};
   constexpr int kJobs = sizeof(sizes) / sizeof(sizes[0]);
-  Bytes plain(65536);
+  Bytes plain(65536 + 32);  // each job starts at its own offset
   for (size_t i = 0; i < plain.getUsed(); ++i) plain.getData()[i] = static_cast<unsigned char>(i * 131 + (i >> 9));
   Key otherKey(32);
   for (int i = 0; i < 32; ++i) otherKey.getData()[i] = static_cast<unsigned char>(0xF0 - 7 * i);
