@@ -382,6 +382,23 @@ TEST_F(ZarnImgTest, EveryLayoutRoundTripsByteForByte) {
   }
 }
 
+// Grains sealed together on the threads, the last one short of a grain and
+// padded: every thread count reads back the source.
+TEST_F(ZarnImgTest, EncryptedConvertOfASourceEndingMidGrain) {
+  const Bytes model = test::noiseGrain(20 * 65536 + 4096, 11);
+  write("odd.raw", model);
+  for (const char* jobs : {"1", "2", "3"}) {
+    SCOPED_TRACE(jobs);
+    std::filesystem::remove(path("d.vmdk"));
+    ok(std::string("convert -O vmdk -o encrypted=on -j ") + jobs + " odd.raw d.vmdk", "ZARN_PASSWORD=pw ");
+    // The disk is whole grains, at least 8 MiB: zeros behind the source.
+    const Bytes back = content("d.vmdk", "ZARN_PASSWORD=pw ");
+    ASSERT_GE(back.size(), model.size());
+    EXPECT_TRUE(std::equal(model.begin(), model.end(), back.begin()));
+    EXPECT_TRUE(std::all_of(back.begin() + model.size(), back.end(), [](unsigned char b) { return b == 0; }));
+  }
+}
+
 TEST_F(ZarnImgTest, WritesAtOddPlacesKeepTheParentAroundThem) {
   Bytes model = sample();
   write("src.raw", model);
