@@ -90,24 +90,20 @@ bool takeTail(CLane& lane) {
   return true;
 }
 
+// The word-by-word running XOR of a schedule step: each 32-bit word of the
+// result is the XOR of that word and all the words below it.
+BRIX_AES_TARGET __m128i runningXor(__m128i words) {
+  words = _mm_xor_si128(words, _mm_slli_si128(words, 4));
+  return _mm_xor_si128(words, _mm_slli_si128(words, 8));
+}
+
 BRIX_AES_TARGET __m128i assistFirst(__m128i previous, __m128i assist) {
-  assist = _mm_shuffle_epi32(assist, 0xff);
-  __m128i shifted = _mm_slli_si128(previous, 4);
-  previous = _mm_xor_si128(previous, shifted);
-  shifted = _mm_slli_si128(shifted, 4);
-  previous = _mm_xor_si128(previous, shifted);
-  shifted = _mm_slli_si128(shifted, 4);
-  return _mm_xor_si128(_mm_xor_si128(previous, shifted), assist);
+  return _mm_xor_si128(runningXor(previous), _mm_shuffle_epi32(assist, 0xff));
 }
 
 BRIX_AES_TARGET __m128i assistSecond(__m128i first, __m128i previous) {
   const __m128i assist = _mm_shuffle_epi32(_mm_aeskeygenassist_si128(first, 0x00), 0xaa);
-  __m128i shifted = _mm_slli_si128(previous, 4);
-  previous = _mm_xor_si128(previous, shifted);
-  shifted = _mm_slli_si128(shifted, 4);
-  previous = _mm_xor_si128(previous, shifted);
-  shifted = _mm_slli_si128(shifted, 4);
-  return _mm_xor_si128(_mm_xor_si128(previous, shifted), assist);
+  return _mm_xor_si128(runningXor(previous), assist);
 }
 
 }  // namespace
