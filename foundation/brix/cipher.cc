@@ -97,6 +97,7 @@ void CCipher_AES256CBC::encryptDataMany(const kx::TCryptBuffer<unsigned char>& k
                                         int count) {
   constexpr const char* kContext = "CCipher_AES256CBC::encryptDataMany";
   static const bool kLanes = lanes::isAvailable();
+  if (count <= 0) return;  // no key schedule for nothing
   if (!kLanes) {
     ICipher::encryptDataMany(key, jobs, count);
     return;

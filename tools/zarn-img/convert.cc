@@ -57,9 +57,8 @@ struct CSlot {
   BufferP packAux = kx::create<Buffer>();
   BufferP clear = kx::create<Buffer>();   // a stored grain, decrypted: prepared
   BufferP sealed = kx::create<Buffer>();  // the target's stored form, when it is encrypted
-  bool isSealed = false;
-  // What seal() encrypts into `sealed`, when the worker's slots are done:
-  // null when the grain isn't sealed.
+  // What sealSlots() encrypts into `sealed` once the worker's slots are
+  // prepared: null when the grain goes to the target as it is.
   const unsigned char* toSeal = nullptr;
   int64_t toSealBytes = 0;
   BufferP plain;   // the grain's bytes (input or unpackAux); null when absent or staged
@@ -261,7 +260,6 @@ class CConverter {
   // On a worker: no disk is touched here, only the slot and the worker's own
   // preparers.
   void prepareSlot(CSlot& slot, int worker) {
-    slot.isSealed = false;
     slot.toSeal = nullptr;
     const int64_t index = slot.position / grainBytes_;
     if (slot.kind == CSlot::kStored) {
@@ -313,8 +311,8 @@ class CConverter {
     }
   }
 
-  // The target's stored form of `bytes` of prepared data, by this worker's
-  // codec of an encrypted target.
+  // Notes `bytes` of prepared data for an encrypted target's codec; the
+  // worker's sealSlots() encrypts them with the rest of its grains.
   void seal(CSlot& slot, int worker, const unsigned char* prepared, int64_t bytes) {
     if (!targetCodecs_[worker]) return;
     slot.toSeal = prepared;
@@ -331,7 +329,6 @@ class CConverter {
       CSlot& slot = batch[i];
       if (!slot.toSeal) continue;
       jobs.push_back({slot.position / grainBytes_, slot.toSeal, slot.toSealBytes, slot.sealed.get()});
-      slot.isSealed = true;
     }
     targetCodecs_[worker]->encryptMany(jobs.data(), jobs.size());
   }
@@ -399,7 +396,7 @@ class CConverter {
     zarn::CVMDKDisk* target = ends_.targetDisk.get();
     if (slot.kind == CSlot::kMoved) {
       target->seek(slot.position);
-      if (slot.isSealed) {
+      if (slot.toSeal) {
         target->writeStoredGrainData(*slot.sealed);
       } else {
         target->writePreparedGrainData(*slot.input);
@@ -433,7 +430,7 @@ class CConverter {
     }
     if (target) {
       target->seek(slot.position);
-      if (slot.isSealed) {
+      if (slot.toSeal) {
         target->writeStoredGrainData(*slot.sealed);
       } else if (slot.packed) {
         target->writePreparedGrainData(*slot.packed);
