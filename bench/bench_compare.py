@@ -296,6 +296,10 @@ def measure_row(row, pairs, work):
             tb, rb, _ = run_timed(b, rss_file)
             rss_b.append(rb)
         times.append((ta, tb))
+        # Each pair goes to the log, so a row whose median surprises can be
+        # read pair by pair.
+        print(f"   pair {len(times)}: zarn {ta:.3f} s" + (f", peer {tb:.3f} s" if tb is not None else ""),
+              file=sys.stderr, flush=True)
     for side in (a, b):
         if side.out:
             shutil.rmtree(side.out, ignore_errors=True)
