@@ -137,19 +137,4 @@ TEST(SparseExtentHeaderTest, FlagsDecideOnCheckBytesAndRedundantDirectory) {
   EXPECT_EQ(test::le64(store(h), 48), 0u);
 }
 
-// The extended form as a writer fills it is checked with the empty extent
-// files; here, only the way back.
-TEST(SparseExtentHeaderTest, DefaultIsPlainAndSwitchingBackDropsTheExtension) {
-  Bytes plain(512, 0);
-  test::putLE(plain, 0, 0x564D444B, 4);
-  plain[73] = 0x0A, plain[74] = 0x20, plain[75] = 0x0D, plain[76] = 0x0A;
-  CVMDKSparseExtentHeader h;
-  EXPECT_EQ(store(h), plain);
-  h.setEncryptionExtensionEnabled(true);
-  h.setEncryptionKeyHash(kx::TBuffer<unsigned char>(32));
-  EXPECT_EQ(test::le32(store(h), 0), 0x05644B45u);
-  h.setEncryptionExtensionEnabled(false);
-  EXPECT_EQ(store(h), plain);
-}
-
 }  // namespace

@@ -3,16 +3,13 @@ checked against a byte model, zarn-img and qemu-img."""
 
 import array
 import errno
-import hashlib
 import io
 import json
 import mmap
 import os
 import random
-import shutil
 import subprocess
 import sys
-import time
 
 import pytest
 
@@ -291,42 +288,3 @@ def test_with_releases_the_lock_for_another_process(tmp_path):
         assert zarn_img("info", path, check=False).returncode == 1
     subprocess.run(probe, check=True)
     assert zarn_img("info", path).returncode == 0
-
-
-def test_copyfileobj_256M_against_zarn_img_convert(tmp_path):
-    """The whole read path at size: a 256 MiB mixed disk copied out by
-    shutil.copyfileobj, hashed by hashlib, and by zarn-img convert -O raw."""
-    size = 256 * MIB
-    data = mixed_bytes(size, seed=11)
-    want = hashlib.sha256(data).hexdigest()
-    raw = tmp_path / "src.raw"
-    raw.write_bytes(data)
-    del data
-    disk = tmp_path / "disk.vmdk"
-    zarn_img("convert", "-O", "vmdk", raw, disk)
-    raw.unlink()
-    out_tool, out_py = tmp_path / "tool.raw", tmp_path / "py.raw"
-    times = {"zarn-img": [], "copyfileobj": []}
-    for _ in range(2):
-        start = time.perf_counter()
-        zarn_img("convert", "-O", "raw", disk, out_tool)
-        times["zarn-img"].append(time.perf_counter() - start)
-        start = time.perf_counter()
-        with zarn.open(disk) as source, open(out_py, "wb") as target:
-            shutil.copyfileobj(source, target, MIB)
-        times["copyfileobj"].append(time.perf_counter() - start)
-    h = hashlib.sha256()
-    with zarn.open(disk) as source:
-        for chunk in iter(lambda: source.read(MIB), b""):
-            h.update(chunk)
-    assert h.hexdigest() == want
-    with open(out_py, "rb") as f:
-        assert hashlib.file_digest(f, "sha256").hexdigest() == want
-    with open(out_tool, "rb") as f:
-        assert hashlib.file_digest(f, "sha256").hexdigest() == want
-    rates = {name: size / min(t) / 1e6 for name, t in times.items()}
-    print("\n256 MiB mixed disk to a raw file, best of 2: copyfileobj %.0f MB/s, zarn-img convert -O raw "
-          "%.0f MB/s (%.2f of it)" % (rates["copyfileobj"], rates["zarn-img"],
-                                      rates["copyfileobj"] / rates["zarn-img"]))
-    for f in (disk, out_tool, out_py):
-        f.unlink()

@@ -45,13 +45,4 @@ TEST(KeyDerivationTest, EmptyPasswordAndSaltAreValidButBadSizesAreNot) {
   EXPECT_THROW(brix::deriveKey_PKCS5_PBKDF2_HMAC_SHA1("pw", 2, "s", 1, 1, 0, a), kx::CInvalidArgError);
 }
 
-TEST(KeyDerivationTest, TextPasswordGoesInAsUTF8) {
-  for (const std::string utf8 : {"p\xC3\xA4ssw\xC3\xB6rd \xE2\x82\xAC", ""}) {
-    unsigned char fromText[32], fromBytes[32];
-    brix::deriveKey_PKCS5_PBKDF2_HMAC_SHA1(kx::String::fromUTF8(utf8), "salt", 4, 2, 32, fromText);
-    brix::deriveKey_PKCS5_PBKDF2_HMAC_SHA1(utf8.data(), int(utf8.size()), "salt", 4, 2, 32, fromBytes);
-    EXPECT_EQ(0, std::memcmp(fromText, fromBytes, 32)) << utf8;
-  }
-}
-
 }  // namespace

@@ -6,7 +6,6 @@
 
 #include <string>
 
-#include "kx/data_stream.h"
 #include "kx/error.h"
 #include "tests/support/caught_error.h"
 
@@ -31,23 +30,6 @@ TEST(BufferStreamTest, SharesItsBufferGrowsByTheFactorAndLocksNothing) {
                          kx::CFileSystemError(-1, kx::CError("")))
                 .getProblem(),
             kx::FSPROB_NOT_SUPPORTED);
-}
-
-TEST(DataStreamTest, WritesGoldenBytesAndAShortReadConsumesNothing) {
-  auto stream = kx::create<kx::CBufferStream>();
-  kx::CDataOutStream out(*stream);
-  out.writeUInt8(0x81);
-  out.writeInt64(-2);
-  out.writeUInt16(0x0302);
-  const auto& buffer = stream->getBuffer();
-  EXPECT_EQ(std::string(reinterpret_cast<const char*>(buffer->getData()), buffer->getUsed()),
-            "\x81\xFE\xFF\xFF\xFF\xFF\xFF\xFF\xFF\x02\x03");
-  stream->seek(1);
-  kx::CDataInStream in(*stream);
-  EXPECT_EQ(in.readInt64(), -2);
-  EXPECT_EQ(test::ioErrorCode([&] { in.readUInt32(); }), kx::IOERR_READ_PAST_END);
-  EXPECT_EQ(stream->getPosition(), 9);
-  EXPECT_EQ(in.readUInt16(), 0x0302u);
 }
 
 }  // namespace

@@ -19,7 +19,6 @@
 #include "kx/memory_file_system.h"
 #include "kx/data_regions.h"
 #include "kx/range_copy.h"
-#include "kx/write_back.h"
 #include "tests/support/caught_error.h"
 #include "tests/support/counting_file_system.h"
 #include "tests/support/fault_injection_file_system.h"
@@ -306,27 +305,6 @@ TEST_F(LocalFileSystemTest, RangesCopyFromFileToFile) {
   EXPECT_EQ(target->getPosition(), 8);
   auto reader = open(dir_.getFileURI("source"), kRead);
   EXPECT_THROW(kx::dynamicCast<kx::IRangeCopy>(reader)->copyFrom(*source, 0, 4), kx::CFileSystemError);
-}
-
-// Handing writes to the device as they go changes nothing in what is read,
-// whatever order the writes come in.
-TEST_F(LocalFileSystemTest, WriteBackKeepsEveryByte) {
-  constexpr int64_t kMiB = 1 << 20;
-  auto stream = open(dir_.getFileURI("written"));
-  auto writeBack = kx::dynamicCast<kx::IWriteBack>(stream);
-  ASSERT_TRUE(writeBack);
-  writeBack->setWriteBackInterval(64 * 1024);
-  std::string expected(3 * kMiB, '\0');
-  stream->setLength(3 * kMiB);
-  for (int64_t offset : {2 * kMiB, 0 * kMiB, 1 * kMiB + 4093}) {
-    const std::string chunk(kMiB - 3, static_cast<char>('a' + offset % 26));
-    stream->seek(offset);
-    write(*stream, chunk);
-    expected.replace(static_cast<size_t>(offset), chunk.size(), chunk);
-  }
-  stream->flush();
-  stream->seek(0);
-  EXPECT_EQ(read(*stream, static_cast<int>(expected.size())), expected);
 }
 
 TEST_F(LocalFileSystemTest, RefusesURIsThatAreNotLocal) {
