@@ -11,7 +11,6 @@
 #include <cstddef>
 #include <list>
 #include <map>
-#include <vector>
 
 #include "kx/base.h"
 
@@ -97,18 +96,9 @@ class TMostRecentlyUsedCache : public CBase {
     while (!recency_.empty()) removeEntry(recency_.back());
   }
 
-  // Keys from the most recently used to the least; for tests and diagnostics.
-  std::vector<K> getKeysByRecency() const {
-    std::vector<K> keys;
-    for (const auto& it : recency_) keys.push_back(it->first);
-    return keys;
-  }
-
   // Walks the entries in key order. The cache must not change during a walk.
   class CEnum {
    public:
-    explicit CEnum(const TMostRecentlyUsedCache& cache)
-        : it_(cache.table_.begin()), end_(cache.table_.end()) {}
     // Starts at the first key not less than `from`, in logarithmic time: a
     // walk over the keys of one owner (keys ordered by owner first) starts
     // there and stops when getKey leaves the owner.
